@@ -1,0 +1,40 @@
+// Number texts shared by the integer widths and by the address types, which
+// parse their lengths and bounds with the same converter.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "kela_uint.hpp"
+
+namespace kela {
+
+vogno cvt_decimal(const char *text, int strict, std::uint32_t *out) {
+    if (text == nullptr) return KEL_SHARED_ERR_NULL_PARAM;
+    char *end = nullptr;
+    // strtoul: blanks and a sign accepted, "-1" wraps, overflow saturates;
+    // only the low 32 bits are kept.
+    unsigned long v = std::strtoul(text, &end, 10);
+    if (strict != 0 && *end != '\0') return KEL_SHARED_ERR_BAD_VALUE;
+    if (out != nullptr) *out = static_cast<std::uint32_t>(v);
+    return 0;
+}
+
+char *range_message(std::uint32_t value, std::uint32_t min, std::uint32_t max) {
+    char buf[150];
+    if (std::snprintf(buf, sizeof buf, "Value (%u) not within acceptable range: %u - %u", value,
+                      min, max) < 0)
+        buf[0] = '\0';
+    return strdup(buf);
+}
+
+char *print_decimal(bool have_route, bool have_desc, std::uint32_t value) {
+    if (!have_route) return strdup("<<No route?>>");
+    if (!have_desc) return strdup("<<Internal error (no context)>>");
+    char buf[11];  // the ten digits of 4294967295 and the terminator
+    int n = std::snprintf(buf, sizeof buf, "%u", value);
+    if (n < 0 || static_cast<std::size_t>(n) >= sizeof buf)
+        return strdup("<<Internal error (string too long)>>");
+    return strdup(buf);
+}
+
+}  // namespace kela

@@ -1,0 +1,15 @@
+// 16-bit unsigned integer attribute.
+#include "kela_uint.hpp"
+
+namespace {
+struct Width16 {
+    using Desc = shared_kela_uint16_desc_td;
+    using Value = std::uint16_t;
+    static constexpr const char *kFile = "kela_uint16";
+    static constexpr std::uint16_t kFullMax = 65535;
+    static constexpr bool kValueSet = false;
+    static constexpr int kNumbers[] = {930, 931, 946, 947, 962, 963, 978, 979, 994};
+};
+}  // namespace
+
+KELA_UINT_EXPORTS(uint16, kela::Uint<Width16>)

@@ -1,0 +1,15 @@
+// 8-bit unsigned integer attribute.
+#include "kela_uint.hpp"
+
+namespace {
+struct Width8 {
+    using Desc = shared_kela_uint8_desc_td;
+    using Value = std::uint8_t;
+    static constexpr const char *kFile = "kela_uint8";
+    static constexpr std::uint8_t kFullMax = 255;
+    static constexpr bool kValueSet = false;
+    static constexpr int kNumbers[] = {919, 920, 935, 936, 951, 952, 967, 968, 983};
+};
+}  // namespace
+
+KELA_UINT_EXPORTS(uint8, kela::Uint<Width8>)

@@ -1,0 +1,13 @@
+// Counting and failing allocator for tests that link the static library
+// with -Wl,--wrap for malloc, calloc, realloc and strdup: every allocation
+// the library (or the test itself) makes goes through these hooks.
+#pragma once
+
+#include <cstddef>
+
+namespace kt::alloc {
+void reset();                 // zero the counter, no failure armed
+std::size_t count();          // allocations since reset()
+void fail_at(std::size_t n);  // the nth allocation from now fails (0: none)
+bool failed();                // whether the armed failure has fired
+}  // namespace kt::alloc
