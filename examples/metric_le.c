@@ -9,6 +9,7 @@
 
 #include "kela_ref.h"
 #include "kela_shared.h"
+#include "vog.h"
 
 /* The client's route record: the library finds the metric as 32-bit
  * element 2 (byte offset 8), as the descriptor says. */

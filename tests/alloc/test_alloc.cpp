@@ -134,7 +134,7 @@ TEST_F(Allocation, MatchesAnyConstructorReleasesEverythingAtEveryPoint) {
     ASSERT_EQ(kref_attr_op(kref_attr_find("metric"), KREF_CMP, "matches-any", &any), 0u);
     Params p{"arg0:1", "5", "arg1:1", "3"};
     size_t points = sweep([&](bool) {
-        rasf_inst_t *inst = reinterpret_cast<rasf_inst_t *>(&p);
+        rasf_inst_t *inst = nullptr;
         vogno st = any.construct(p.count(), p.vec(), p.slots(), &desc_, &inst);
         if (kt::alloc::failed()) {
             // The segment list is the third allocation; a list that cannot be

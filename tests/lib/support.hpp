@@ -85,10 +85,15 @@ inline std::vector<std::string> logged() {
     return out;
 }
 
-// Takes ownership of a malloc'd text.
-inline std::string take(char *s) {
+// Takes ownership of a malloc'd text; a variable holding it is cleared.
+inline std::string take(char *&&s) {
     std::string out = s != nullptr ? s : "<null>";
     std::free(s);
+    return out;
+}
+inline std::string take(char *&s) {
+    std::string out = take(std::move(s));
+    s = nullptr;
     return out;
 }
 

@@ -132,7 +132,8 @@ TEST(MergeLocations, ComparesTextsNotPointers) {
 
 TEST(MergeLocations, NothingToMergeIsRefusedWithNullOutput) {
     const char *empty[] = {nullptr};
-    const char **out = reinterpret_cast<const char **>(&out);  // must be overwritten
+    const char *dummy[] = {"x", nullptr};
+    const char **out = dummy;  // must be overwritten
     EXPECT_EQ(kela_shared_merge_locations(&out, nullptr, empty, nullptr, empty),
               KEL_SHARED_ERR_NO_LOCATIONS);
     EXPECT_EQ(out, nullptr);
@@ -214,7 +215,9 @@ TEST_P(FirstFailure, StopsWritesItsMessageAndReturnsItsStatus) {
         EXPECT_EQ(after, std::vector<std::string>{"rasf_args_free()"});
     else
         EXPECT_TRUE(after.empty()) << after.front();
-    if (std::strcmp(f.op, "rasf_kela_new") != 0) EXPECT_NE(kref_attr_find("pref"), nullptr);
+    if (std::strcmp(f.op, "rasf_kela_new") != 0) {
+        EXPECT_NE(kref_attr_find("pref"), nullptr);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -245,7 +248,10 @@ INSTANTIATE_TEST_SUITE_P(
                  "rasf_kela_add_retriever_location (built-in) to pref location export", false},
         Injected{"rasf_args_new", 5, "rasf_args_new at kela_uint8@983", false},
         Injected{"rasf_kela_add_retriever_args", 1,
-                 "rasf_kela_add_retriever_args (built-in) on pref", true}));
+                 "rasf_kela_add_retriever_args (built-in) on pref", true}),
+    [](const ::testing::TestParamInfo<Injected> &info) {
+        return std::string(info.param.op) + "_" + std::to_string(info.param.nth);
+    });
 
 TEST_F(Registration, PerFileNumbersOfTheOtherWidths) {
     shared_kela_uint32_desc_td d32{"pref", 0, 0, 0, nullptr};

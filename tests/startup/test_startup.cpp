@@ -9,6 +9,7 @@
 #include "kela_ref.h"
 #include "kela_ref_hooks.h"
 #include "kela_shared.h"
+#include "vog.h"
 
 namespace {
 
@@ -27,52 +28,52 @@ size_t count_lines(const char *prefix) {
         }                                                 \
     } while (0)
 
+void child_registers_once() {
+    kref_log_capture(1);
+    kref_trace_start();
+    kela_shared_init_if_needed();
+    CHILD_CHECK(kref_trace_count() == 1);
+    CHILD_CHECK(std::string(kref_trace_at(0)) ==
+                "vog_register_dll(1801, vogno/libkelshared_error.dll)");
+    kela_shared_init_if_needed();
+    shared_kela_uint8_desc_td d{"x", 0, 0, 0};
+    CHILD_CHECK(shared_kela_uint8_base_init(nullptr, nullptr, 0, &d) == 0);
+    CHILD_CHECK(count_lines("vog_register_dll(") == 1);
+    CHILD_CHECK(kref_log_count() == 0);
+    std::exit(0);
+}
+
 TEST(StartupDeathTest, RegistersTheDomainOnceAndNeverAgain) {
-    EXPECT_EXIT(
-        {
-            kref_log_capture(1);
-            kref_trace_start();
-            kela_shared_init_if_needed();
-            CHILD_CHECK(kref_trace_count() == 1);
-            CHILD_CHECK(std::string(kref_trace_at(0)) ==
-                        "vog_register_dll(1801, vogno/libkelshared_error.dll)");
-            kela_shared_init_if_needed();
-            shared_kela_uint8_desc_td d{"x", 0, 0, 0};
-            CHILD_CHECK(shared_kela_uint8_base_init(nullptr, nullptr, 0, &d) == 0);
-            CHILD_CHECK(count_lines("vog_register_dll(") == 1);
-            CHILD_CHECK(kref_log_count() == 0);
-            std::exit(0);
-        },
-        ::testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(child_registers_once(), ::testing::ExitedWithCode(0), "");
+}
+
+void child_failed_registration() {
+    kref_log_capture(1);
+    kref_trace_start();
+    kref_fault_set("vog_register_dll", 1, KREF_ERR_EXISTS);
+    // The registration that runs the start-up carries on regardless.
+    shared_kela_uint32_desc_td d{"metric", 0, 0, 0, nullptr};
+    CHILD_CHECK(shared_kela_uint32_base_init(nullptr, nullptr, 0, &d) == 0);
+    CHILD_CHECK(kref_attr_find("metric") != nullptr);
+    kela_shared_init_if_needed();
+    shared_kela_uint32_desc_td e{"other", 0, 0, 0, nullptr};
+    CHILD_CHECK(shared_kela_uint32_base_init(nullptr, nullptr, 0, &e) == 0);
+    CHILD_CHECK(count_lines("vog_register_dll(") == 1);
+    CHILD_CHECK(count_lines("vup_errmsg(") == 1);
+    CHILD_CHECK(kref_log_count() == 1);
+    const std::string want = std::string("Unable to register vogno dll ") +
+                             "vogno/libkelshared_error.dll because " +
+                             vog_strerror(KREF_ERR_EXISTS);
+    const std::string line = kref_log_at(0);
+    fprintf(stderr, "%s\n", line.c_str());
+    CHILD_CHECK(line.find(want) != std::string::npos);
+    CHILD_CHECK(line.find("KEL_SHARED") != std::string::npos);
+    CHILD_CHECK(line.find("ERR_DLL_REG") != std::string::npos);
+    std::exit(0);
 }
 
 TEST(StartupDeathTest, AFailedRegistrationIsLoggedOnceAndNotRetried) {
-    EXPECT_EXIT(
-        {
-            kref_log_capture(1);
-            kref_trace_start();
-            kref_fault_set("vog_register_dll", 1, KREF_ERR_EXISTS);
-            // The registration that runs the start-up carries on regardless.
-            shared_kela_uint32_desc_td d{"metric", 0, 0, 0, nullptr};
-            CHILD_CHECK(shared_kela_uint32_base_init(nullptr, nullptr, 0, &d) == 0);
-            CHILD_CHECK(kref_attr_find("metric") != nullptr);
-            kela_shared_init_if_needed();
-            shared_kela_uint32_desc_td e{"other", 0, 0, 0, nullptr};
-            CHILD_CHECK(shared_kela_uint32_base_init(nullptr, nullptr, 0, &e) == 0);
-            CHILD_CHECK(count_lines("vog_register_dll(") == 1);
-            CHILD_CHECK(count_lines("vup_errmsg(") == 1);
-            CHILD_CHECK(kref_log_count() == 1);
-            const std::string want = std::string("Unable to register vogno dll ") +
-                                     "vogno/libkelshared_error.dll because " +
-                                     vog_strerror(KREF_ERR_EXISTS);
-            const std::string line = kref_log_at(0);
-            fprintf(stderr, "%s\n", line.c_str());
-            CHILD_CHECK(line.find(want) != std::string::npos);
-            CHILD_CHECK(line.find("KEL_SHARED") != std::string::npos);
-            CHILD_CHECK(line.find("ERR_DLL_REG") != std::string::npos);
-            std::exit(0);
-        },
-        ::testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(child_failed_registration(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST(Startup, MessageRecordLayout) {
