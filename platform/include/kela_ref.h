@@ -27,20 +27,20 @@ extern "C" {
 /* Statuses of the reference framework's own domain (component 1500). */
 #define KREF_COMPONENT 1500u
 #define KREF_ERR(n) ((vogno)(0x40000000u | (KREF_COMPONENT << 15) | ((uint32_t)(n) << 9)))
-#define KREF_ERR_BAD_ARG    KREF_ERR(1) /* a required argument is null or malformed */
-#define KREF_ERR_NOT_FOUND  KREF_ERR(2) /* no such attribute, operator, setter or retriever */
-#define KREF_ERR_EXISTS     KREF_ERR(3) /* already registered */
-#define KREF_ERR_LOCATION   KREF_ERR(4) /* location not declared for the attribute / not allowed */
-#define KREF_ERR_NO_MEMORY  KREF_ERR(5) /* allocation failed */
+#define KREF_ERR_BAD_ARG KREF_ERR(1)    /* a required argument is null or malformed */
+#define KREF_ERR_NOT_FOUND KREF_ERR(2)  /* no such attribute, operator, setter or retriever */
+#define KREF_ERR_EXISTS KREF_ERR(3)     /* already registered */
+#define KREF_ERR_LOCATION KREF_ERR(4)   /* location not declared for the attribute / not allowed */
+#define KREF_ERR_NO_MEMORY KREF_ERR(5)  /* allocation failed */
 #define KREF_ERR_ARGS_OWNED KREF_ERR(6) /* argument list already attached */
-#define KREF_ERR_NO_FUNC    KREF_ERR(7) /* the instance has no function for this use */
-#define KREF_ERR_PARAMS     KREF_ERR(8) /* parameters do not fit the argument-type list */
+#define KREF_ERR_NO_FUNC KREF_ERR(7)    /* the instance has no function for this use */
+#define KREF_ERR_PARAMS KREF_ERR(8)     /* parameters do not fit the argument-type list */
 
 /* What a statement uses of an attribute. */
 typedef enum kref_kind {
-    KREF_CMP = 0,  /* comparison operator */
-    KREF_SET = 1,  /* setter */
-    KREF_RETR = 2  /* retriever (has no name) */
+    KREF_CMP = 0, /* comparison operator */
+    KREF_SET = 1, /* setter */
+    KREF_RETR = 2 /* retriever (has no name) */
 } kref_kind_t;
 
 /* One argument-type list entry. */
@@ -64,12 +64,12 @@ typedef struct kref_op_info {
     rasf_verify_fn verify;
     rasf_construct_fn construct;
     rasf_free_fn free_fn;
-    void *desc;                     /* context registered with it */
-    const char *value_type;         /* retriever only, else null */
-    const char *version;            /* retriever only, else null */
+    void *desc;             /* context registered with it */
+    const char *value_type; /* retriever only, else null */
+    const char *version;    /* retriever only, else null */
     size_t n_locations;
-    const char *const *locations;   /* in the order added, duplicates kept */
-    const rasf_args_t *args;        /* null until attached */
+    const char *const *locations; /* in the order added, duplicates kept */
+    const rasf_args_t *args;      /* null until attached */
 } kref_op_info_t;
 
 /* A compiled instance as the framework keeps it. */
@@ -93,7 +93,7 @@ typedef struct kref_inst_info {
 
 rasf_attr_t *kref_attr_find(const char *name);
 size_t kref_attr_count(void);
-rasf_attr_t *kref_attr_at(size_t i);          /* in registration order */
+rasf_attr_t *kref_attr_at(size_t i); /* in registration order */
 const char *kref_attr_name(const rasf_attr_t *attr);
 const char *kref_attr_value_type(const rasf_attr_t *attr);
 void *kref_attr_reg_ctx(const rasf_attr_t *attr);
@@ -139,11 +139,11 @@ typedef struct kref_item {
 
 /* The evaluation record handed to update functions. */
 typedef struct kref_eval_rec {
-    uint64_t session;    /* offset 0 */
-    uint16_t client;     /* offset 8 */
-    uint8_t afi;         /* offset 10 */
+    uint64_t session; /* offset 0 */
+    uint16_t client;  /* offset 8 */
+    uint8_t afi;      /* offset 10 */
     uint8_t reserved[5];
-    uint64_t key;        /* offset 16: identifies the evaluation */
+    uint64_t key; /* offset 16: identifies the evaluation */
 } kref_eval_rec_t;
 
 typedef struct kref_stmt kref_stmt_t;

@@ -42,20 +42,21 @@ std::vector<const char *> lay_out(const rasf_args *args, std::size_t n_items,
     if (args != nullptr) {
         for (const rasf_args::Entry &e : args->entries) {
             switch (e.kind) {
-            case KREF_ARG_SINGLE:
-                if (next < n_items) take(items[next++]);
-                break;
-            case KREF_ARG_INFINITE:
-                for (int seg = 0; next < n_items; ++seg, ++next) {
-                    headers.push_back("arg" + std::to_string(seg) + ":" +
-                                      std::to_string(items[next].n));
-                    flat.push_back(headers.back().c_str());
-                    take(items[next]);
-                }
-                break;
-            case KREF_ARG_N:
-                for (std::int32_t k = 0; k < e.upper && next < n_items; ++k) take(items[next++]);
-                break;
+                case KREF_ARG_SINGLE:
+                    if (next < n_items) take(items[next++]);
+                    break;
+                case KREF_ARG_INFINITE:
+                    for (int seg = 0; next < n_items; ++seg, ++next) {
+                        headers.push_back("arg" + std::to_string(seg) + ":" +
+                                          std::to_string(items[next].n));
+                        flat.push_back(headers.back().c_str());
+                        take(items[next]);
+                    }
+                    break;
+                case KREF_ARG_N:
+                    for (std::int32_t k = 0; k < e.upper && next < n_items; ++k)
+                        take(items[next++]);
+                    break;
             }
         }
     }
@@ -86,9 +87,8 @@ bool build_vectors(kref_stmt &stmt, const std::vector<const char *> &flat) {
 
 extern "C" {
 
-vogno kref_compile(const char *attr_name, kref_kind_t kind, const char *name,
-                   const char *location, size_t n_items, const kref_item_t *items, char **msg,
-                   kref_stmt_t **out) {
+vogno kref_compile(const char *attr_name, kref_kind_t kind, const char *name, const char *location,
+                   size_t n_items, const kref_item_t *items, char **msg, kref_stmt_t **out) {
     if (attr_name == nullptr || out == nullptr || (n_items != 0 && items == nullptr) ||
         kind < KREF_CMP || kind > KREF_RETR)
         return KREF_ERR_BAD_ARG;
@@ -191,11 +191,21 @@ void kref_stmt_free(kref_stmt_t *stmt) {
     delete stmt;
 }
 
-kref_kind_t kref_stmt_kind(const kref_stmt_t *stmt) { return stmt->kind; }
-rasf_inst_t *kref_stmt_instance(const kref_stmt_t *stmt) { return stmt->inst; }
-uint32_t kref_stmt_count(const kref_stmt_t *stmt) { return stmt->count; }
-char **kref_stmt_params(const kref_stmt_t *stmt) { return stmt->params; }
-void **kref_stmt_slots(const kref_stmt_t *stmt) { return stmt->slots; }
+kref_kind_t kref_stmt_kind(const kref_stmt_t *stmt) {
+    return stmt->kind;
+}
+rasf_inst_t *kref_stmt_instance(const kref_stmt_t *stmt) {
+    return stmt->inst;
+}
+uint32_t kref_stmt_count(const kref_stmt_t *stmt) {
+    return stmt->count;
+}
+char **kref_stmt_params(const kref_stmt_t *stmt) {
+    return stmt->params;
+}
+void **kref_stmt_slots(const kref_stmt_t *stmt) {
+    return stmt->slots;
+}
 
 char *kref_attr_print(const rasf_attr_t *attr, void *route) {
     if (attr == nullptr || attr->print == nullptr) return nullptr;

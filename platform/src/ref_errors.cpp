@@ -66,7 +66,8 @@ const char *text_of(vogno status) {
     const std::uint32_t component = (status >> 15) & 0x7FFFu;
     if (in_domain_shape && component == kLibraryComponent && n >= 1 && n <= 17)
         return kLibraryTexts[n];
-    if (in_domain_shape && component == KREF_COMPONENT && n >= 1 && n <= 8) return kFrameworkTexts[n];
+    if (in_domain_shape && component == KREF_COMPONENT && n >= 1 && n <= 8)
+        return kFrameworkTexts[n];
     if (status == 0xA2D28400u)
         return "The routing-table connection serves another address family than the prefix.";
     if (status == 0xC2C60200u) return "The request tree could not allocate memory.";
@@ -100,7 +101,8 @@ const char *vog_strerror(vogno status) {
 
 void vup_errmsg(const vup_msg_rec_td *rec, int level, ...) {
     // A fault on the message facility drops the message.
-    if (kref::enter("vup_errmsg", {rec != nullptr ? rec->mnemonic : nullptr, std::int64_t{level}}).fire)
+    if (kref::enter("vup_errmsg", {rec != nullptr ? rec->mnemonic : nullptr, std::int64_t{level}})
+            .fire)
         return;
     if (rec == nullptr || rec->format == nullptr) return;
     va_list ap, copy;

@@ -60,7 +60,8 @@ namespace kref {
 
 Fault enter(const char *op, std::initializer_list<Arg> args) {
     Hooks &h = hooks();
-    if (!h.tracing.load(std::memory_order_relaxed) && !h.faults_armed.load(std::memory_order_relaxed))
+    if (!h.tracing.load(std::memory_order_relaxed) &&
+        !h.faults_armed.load(std::memory_order_relaxed))
         return {};
     std::lock_guard lock(h.mu);
     if (h.tracing) h.trace.push_back(format_call(op, args));
@@ -98,7 +99,9 @@ void kref_trace_start(void) {
     h.tracing = true;
 }
 
-void kref_trace_stop(void) { hooks().tracing = false; }
+void kref_trace_stop(void) {
+    hooks().tracing = false;
+}
 
 size_t kref_trace_count(void) {
     Hooks &h = hooks();
@@ -112,8 +115,12 @@ const char *kref_trace_at(size_t i) {
     return i < h.trace.size() ? h.trace[i].c_str() : nullptr;
 }
 
-void kref_fault_set(const char *op, uint32_t nth, vogno status) { arm(op, nth, status, false); }
-void kref_fault_set_after(const char *op, uint32_t nth, vogno status) { arm(op, nth, status, true); }
+void kref_fault_set(const char *op, uint32_t nth, vogno status) {
+    arm(op, nth, status, false);
+}
+void kref_fault_set_after(const char *op, uint32_t nth, vogno status) {
+    arm(op, nth, status, true);
+}
 
 void kref_fault_clear(void) {
     Hooks &h = hooks();

@@ -112,9 +112,9 @@ vogno rasf_free_retriever_instance(rasf_inst_t *inst) {
 
 vogno kref_inst_get(const rasf_inst_t *inst, kref_inst_info_t *out) {
     if (inst == nullptr || out == nullptr) return KREF_ERR_BAD_ARG;
-    *out = {inst->kind,  inst->count,     inst->params,    inst->slots, inst->ctx,
-            inst->cmp,   inst->cmp_async, inst->print,     inst->print_ctx,
-            inst->update, inst->set,      inst->set_print, inst->retrieve};
+    *out = {inst->kind, inst->count,     inst->params,  inst->slots,     inst->ctx,
+            inst->cmp,  inst->cmp_async, inst->print,   inst->print_ctx, inst->update,
+            inst->set,  inst->set_print, inst->retrieve};
     return 0;
 }
 

@@ -128,6 +128,9 @@ struct Fault {
 // tells whether an armed fault fires on it.
 Fault enter(const char *op, std::initializer_list<Arg> args);
 
+// The status of an operation whose body ran: an "after" fault replaces it.
+inline vogno result(const Fault &f, vogno body_status) { return f.fire ? f.status : body_status; }
+
 // Keeps or prints a logged line.
 void log_line(const std::string &line);
 
@@ -135,9 +138,9 @@ void log_line(const std::string &line);
 
 // Runs the operation's body unless a fault fires before it; a fault armed
 // "after" replaces the body's status.
-#define KREF_ENTER(op, ...)                                  \
+#define KREF_ENTER(op, ...)                                         \
     const kref::Fault kref_fault_ = kref::enter(op, {__VA_ARGS__}); \
     if (kref_fault_.fire && !kref_fault_.after) return kref_fault_.status
-#define KREF_RESULT(st) (kref_fault_.fire ? kref_fault_.status : (st))
+#define KREF_RESULT(st) kref::result(kref_fault_, (st))
 
 #endif  // KREF_INTERNAL_HPP

@@ -35,11 +35,13 @@ Op *find_op(const rasf_attr *attr, kref_kind_t kind, const char *name) {
 
 namespace {
 
-const char *attr_name(const rasf_attr *attr) { return attr != nullptr ? attr->name.c_str() : nullptr; }
+const char *attr_name(const rasf_attr *attr) {
+    return attr != nullptr ? attr->name.c_str() : nullptr;
+}
 
 vogno add_op(kref_kind_t kind, const char *name, rasf_attr *attr, rasf_verify_fn verify,
-             rasf_construct_fn construct, rasf_free_fn free_fn, void *desc,
-             const char *value_type, const char *version) {
+             rasf_construct_fn construct, rasf_free_fn free_fn, void *desc, const char *value_type,
+             const char *version) {
     if (attr == nullptr || (kind != KREF_RETR && name == nullptr)) return KREF_ERR_BAD_ARG;
     std::lock_guard lock(kref::registry().mu);
     if (kref::find_op(attr, kind, name) != nullptr) return KREF_ERR_EXISTS;
@@ -156,7 +158,8 @@ vogno rasf_kela_add_base_function_cmp(rasf_attr_t *attr, rasf_base_cmp_fn fn, vo
 vogno rasf_kela_add_cmp(const char *op, rasf_attr_t *attr, rasf_verify_fn verify,
                         rasf_construct_fn construct, rasf_free_fn free_fn, void *desc) {
     KREF_ENTER("rasf_kela_add_cmp", op, attr_name(attr));
-    return KREF_RESULT(add_op(KREF_CMP, op, attr, verify, construct, free_fn, desc, nullptr, nullptr));
+    return KREF_RESULT(
+        add_op(KREF_CMP, op, attr, verify, construct, free_fn, desc, nullptr, nullptr));
 }
 
 vogno rasf_kela_add_cmp_location(const char *op, rasf_attr_t *attr, const char *location) {
@@ -172,7 +175,8 @@ vogno rasf_kela_add_cmp_args(const char *op, rasf_attr_t *attr, rasf_args_t *arg
 vogno rasf_kela_add_set(const char *setter, rasf_attr_t *attr, rasf_verify_fn verify,
                         rasf_construct_fn construct, rasf_free_fn free_fn, void *desc) {
     KREF_ENTER("rasf_kela_add_set", setter, attr_name(attr));
-    return KREF_RESULT(add_op(KREF_SET, setter, attr, verify, construct, free_fn, desc, nullptr, nullptr));
+    return KREF_RESULT(
+        add_op(KREF_SET, setter, attr, verify, construct, free_fn, desc, nullptr, nullptr));
 }
 
 vogno rasf_kela_add_set_location(const char *setter, rasf_attr_t *attr, const char *location) {
@@ -267,13 +271,17 @@ rasf_attr_t *kref_attr_at(size_t i) {
     return i < r.attrs.size() ? r.attrs[i].get() : nullptr;
 }
 
-const char *kref_attr_name(const rasf_attr_t *attr) { return attr_name(attr); }
+const char *kref_attr_name(const rasf_attr_t *attr) {
+    return attr_name(attr);
+}
 
 const char *kref_attr_value_type(const rasf_attr_t *attr) {
     return attr != nullptr && attr->has_value_type ? attr->value_type.c_str() : nullptr;
 }
 
-void *kref_attr_reg_ctx(const rasf_attr_t *attr) { return attr != nullptr ? attr->reg_ctx : nullptr; }
+void *kref_attr_reg_ctx(const rasf_attr_t *attr) {
+    return attr != nullptr ? attr->reg_ctx : nullptr;
+}
 
 size_t kref_attr_location_count(const rasf_attr_t *attr) {
     return attr != nullptr ? attr->locations.size() : 0;
@@ -315,7 +323,8 @@ static void fill_op_info(const kref::Op &op, kref_op_info_t *out) {
 }
 
 vogno kref_attr_op_at(const rasf_attr_t *attr, kref_kind_t kind, size_t i, kref_op_info_t *out) {
-    if (attr == nullptr || out == nullptr || kind < KREF_CMP || kind > KREF_RETR) return KREF_ERR_BAD_ARG;
+    if (attr == nullptr || out == nullptr || kind < KREF_CMP || kind > KREF_RETR)
+        return KREF_ERR_BAD_ARG;
     std::lock_guard lock(kref::registry().mu);
     if (i >= attr->ops[kind].size()) return KREF_ERR_NOT_FOUND;
     fill_op_info(*attr->ops[kind][i], out);
@@ -332,7 +341,9 @@ vogno kref_attr_op(const rasf_attr_t *attr, kref_kind_t kind, const char *name,
     return 0;
 }
 
-size_t kref_args_count(const rasf_args_t *args) { return args != nullptr ? args->entries.size() : 0; }
+size_t kref_args_count(const rasf_args_t *args) {
+    return args != nullptr ? args->entries.size() : 0;
+}
 
 vogno kref_args_at(const rasf_args_t *args, size_t i, kref_arg_info_t *out) {
     if (args == nullptr || out == nullptr) return KREF_ERR_BAD_ARG;
@@ -342,8 +353,12 @@ vogno kref_args_at(const rasf_args_t *args, size_t i, kref_arg_info_t *out) {
     return 0;
 }
 
-size_t kref_live_instances(void) { return kref::registry().live_instances.load(); }
-size_t kref_live_args(void) { return kref::registry().live_args.load(); }
+size_t kref_live_instances(void) {
+    return kref::registry().live_instances.load();
+}
+size_t kref_live_args(void) {
+    return kref::registry().live_args.load();
+}
 
 void kref_reset(void) {
     kref::Registry &r = kref::registry();
