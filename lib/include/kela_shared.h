@@ -26,6 +26,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "ip_addr.h"
 #include "rasf.h"
 #include "vup_msg.h"
 
@@ -323,6 +324,311 @@ KELA_SHARED_API vogno shared_kela_uint32_cmp_any_veri(uint32_t count, char **par
 KELA_SHARED_API vogno shared_kela_uint32_cmp_any_cons(uint32_t count, char **params, void **slots,
                                                       void *desc, rasf_inst_t **inst);
 KELA_SHARED_API vogno shared_kela_uint32_cmp_any_free(void *ctx);
+
+/* ---- Enumeration attribute ------------------------------------------------ */
+
+/* One name of an enumeration; an entry whose name is null ends the table. */
+typedef struct shared_kela_enum_name_td {
+    int32_t value;
+    const char *name;
+} shared_kela_enum_name_td;
+
+/* The value is the `index`-th 32-bit element of the route record; policies
+ * name it by the table's names (compared without regard to case, the first
+ * matching entry wins).  A null table has no entries. */
+typedef struct shared_kela_enum_desc_td {
+    const char *name;
+    int64_t index;
+    const shared_kela_enum_name_td *names;
+} shared_kela_enum_desc_td;
+
+/* Name to value; KEL_SHARED_ERR_BAD_VALUE for an unknown name. */
+KELA_SHARED_API vogno shared_kela_enum_cvt_string(const char *text,
+                                                  const shared_kela_enum_desc_td *desc,
+                                                  void *unused, uint32_t *out);
+/* The value's name, or "<< unknown enum %d >>". */
+KELA_SHARED_API char *shared_kela_enum_base_print(void *fw_value, void *route, void *desc);
+KELA_SHARED_API vogno shared_kela_enum_base_cmp(void *route_a, void *route_b, void *desc,
+                                                int32_t *outcome);
+KELA_SHARED_API vogno shared_kela_enum_cmp_match_veri(uint32_t count, char **params, void *desc,
+                                                      char **msg);
+KELA_SHARED_API vogno shared_kela_enum_cmp_match_cons(uint32_t count, char **params, void **slots,
+                                                      void *desc, rasf_inst_t **inst);
+KELA_SHARED_API vogno shared_kela_enum_set_assign_veri(uint32_t count, char **params, void *desc,
+                                                       char **msg);
+KELA_SHARED_API vogno shared_kela_enum_set_assign_cons(uint32_t count, char **params, void **slots,
+                                                       void *desc, rasf_inst_t **inst);
+KELA_SHARED_API vogno shared_kela_enum_retr_veri(uint32_t count, char **params, void *desc,
+                                                 char **msg);
+KELA_SHARED_API vogno shared_kela_enum_retr_cons(uint32_t count, char **params, void **slots,
+                                                 void *desc, rasf_inst_t **inst);
+/* Registers "exact-match", "assign" and the retriever. */
+KELA_SHARED_API vogno shared_kela_enum_base_init_v2(void *reg_ctx, char *errbuf, int32_t errlen,
+                                                    shared_kela_enum_desc_td *desc,
+                                                    const char *const *op_locs,
+                                                    const char *const *set_locs,
+                                                    const char *const *retr_locs,
+                                                    const char *const *attr_locs);
+
+/* ---- Bit-masked attribute ----------------------------------------------- */
+
+/* A 32-bit value word with the client's own text form, and a mask word:
+ * "assign" writes the value word and ORs `mask` into the mask word. */
+typedef struct shared_kela_bitmasked_desc_td {
+    const char *name;
+    void *cb_ctx; /* handed to the two callbacks */
+    /* (framework value, route record, cb_ctx): a newly allocated text */
+    char *(*print_value)(void *fw_value, void *route, void *cb_ctx);
+    /* (text, cb_ctx, strict, where to store the value or null) */
+    vogno (*parse_value)(const char *text, void *cb_ctx, int strict, uint32_t *out);
+    int64_t index;      /* value word, in 32-bit words */
+    int64_t mask_index; /* mask word, in 32-bit words */
+    uint32_t mask;      /* this attribute's bits in the mask word */
+    void *value_set;    /* left null; used in the private copy of "matches-any" */
+} shared_kela_bitmasked_desc_td;
+
+KELA_SHARED_API char *shared_kela_bitmasked_base_print(void *fw_value, void *route, void *desc);
+KELA_SHARED_API vogno shared_kela_bitmasked_base_cmp(void *route_a, void *route_b, void *desc,
+                                                     int32_t *outcome);
+KELA_SHARED_API vogno shared_kela_bitmasked_cmp_match_veri(uint32_t count, char **params,
+                                                           void *desc, char **msg);
+KELA_SHARED_API vogno shared_kela_bitmasked_cmp_match_cons(uint32_t count, char **params,
+                                                           void **slots, void *desc,
+                                                           rasf_inst_t **inst);
+KELA_SHARED_API vogno shared_kela_bitmasked_set_assign_veri(uint32_t count, char **params,
+                                                            void *desc, char **msg);
+KELA_SHARED_API vogno shared_kela_bitmasked_set_assign_cons(uint32_t count, char **params,
+                                                            void **slots, void *desc,
+                                                            rasf_inst_t **inst);
+KELA_SHARED_API vogno shared_kela_bitmasked_retr_veri(uint32_t count, char **params, void *desc,
+                                                      char **msg);
+KELA_SHARED_API vogno shared_kela_bitmasked_retr_cons(uint32_t count, char **params, void **slots,
+                                                      void *desc, rasf_inst_t **inst);
+/* Registers "exact-match", "matches-any", "assign" and the retriever. */
+KELA_SHARED_API vogno shared_kela_bitmasked_base_init_v2(
+    void *reg_ctx, char *errbuf, int32_t errlen, shared_kela_bitmasked_desc_td *desc,
+    const char *const *op_locs, const char *const *set_locs, const char *const *retr_locs,
+    const char *const *attr_locs);
+
+/* ---- 64-bit flag attribute ------------------------------------------------ */
+
+/* A 64-bit word of flags that policies can only set, with "assign". */
+typedef struct shared_kela_flag64_desc_td {
+    const char *name;
+    void *client_ctx; /* handed to parse as its second argument */
+    /* (framework value, address of the route's flag word, descriptor) */
+    char *(*print)(void *fw_value, uint64_t *flags, struct shared_kela_flag64_desc_td *desc);
+    /* (text, client_ctx, where to store the mask or null): 0 when the text
+     * names flags that can be set at this attach point */
+    vogno (*parse)(const char *text, void *client_ctx, uint64_t *mask);
+    uint64_t flag_offset; /* byte offset of the flag word in the route record */
+    uint64_t mask;        /* the bits "assign" sets; written by the constructor */
+} shared_kela_flag64_desc_td;
+
+KELA_SHARED_API char *shared_kela_flag64_base_print(void *fw_value, void *route, void *desc);
+KELA_SHARED_API vogno shared_kela_flag64_set_assign_veri(uint32_t count, char **params, void *desc,
+                                                         char **msg);
+KELA_SHARED_API vogno shared_kela_flag64_set_assign_cons(uint32_t count, char **params,
+                                                         void **slots, void *desc,
+                                                         rasf_inst_t **inst);
+/* Registers the setter "assign" (no operator, no base compare, no
+ * retriever). */
+KELA_SHARED_API vogno shared_kela_flag64_base_init_v2(void *reg_ctx, char *errbuf, int32_t errlen,
+                                                      shared_kela_flag64_desc_td *desc,
+                                                      const char *const *op_locs,
+                                                      const char *const *set_locs,
+                                                      const char *const *retr_locs,
+                                                      const char *const *attr_locs);
+
+/* ---- IP addresses, prefixes and prefix match specifications ------------- */
+
+/* Address families are the socket family numbers 2 (IPv4) and 10 (IPv6);
+ * addresses are in network byte order, bit 0 is the most significant bit of
+ * the first byte. */
+
+/* A prefix value, as an attribute's value getter hands it over. */
+typedef struct shared_kela_prefix_addr_td {
+    uint8_t family;
+    uint8_t *addr;      /* the address bytes (4 or 16) */
+    uint8_t len;        /* prefix length in bits */
+    uint32_t free_addr; /* non-zero: addr was allocated for this call; the consumer frees it */
+} shared_kela_prefix_addr_td;
+
+/* A prefix match specification.  Length form: address, length, ge, le.
+ * Address/mask form (is_acl 1): address and a wildcard mask (a set bit
+ * accepts any value there), ge and le; len 0.  The address is stored at the
+ * end; the record is allocated for exactly the family's address bytes.  Its
+ * owner frees mask (if set), then the record. */
+typedef struct shared_kela_prefix_matchspec_td {
+    uint8_t family;
+    uint8_t len;
+    uint8_t ge;
+    uint8_t le;
+    uint8_t *mask;
+    uint32_t is_acl;
+    uint8_t addr[];
+} shared_kela_prefix_matchspec_td;
+
+/* How a value is compared with a specification. */
+typedef enum shared_kela_prefix_cmp_td {
+    SHARED_KELA_PREFIX_CMP_MATCH = 1,   /* "pfxmatch": the value lies in the length range */
+    SHARED_KELA_PREFIX_CMP_LONGER = 2,  /* "pfxlonger": strictly more specific */
+    SHARED_KELA_PREFIX_CMP_ORLONGER = 3 /* "pfxorlonger": equal or more specific */
+} shared_kela_prefix_cmp_td;
+
+struct shared_kela_prefix_extra_op_td;
+struct shared_kela_prefix_desc_td;
+
+/* Value getter: fills `value` for the route; sets *more non-zero when the
+ * route has a further value (the getter is then called again).  `first` is
+ * the descriptor for the base functions and the operator's match context for
+ * the prefix-set operators.  Statuses 16 and 19 mean "the route has no
+ * value". */
+typedef vogno (*shared_kela_prefix_get_value_fn)(void *first, void *route,
+                                                 shared_kela_prefix_addr_td *value, uint32_t *more);
+/* Value setter used by "assign": (descriptor, route, the value slot of the
+ * "ip_addr_t" parameter, descriptor). */
+typedef vogno (*shared_kela_prefix_set_value_fn)(struct shared_kela_prefix_desc_td *desc,
+                                                 void *route, void *slot,
+                                                 struct shared_kela_prefix_desc_td *desc2);
+
+/* A client-defined operator without parameters. */
+typedef struct shared_kela_prefix_extra_op_td {
+    const char *name;
+    const char *const *locations; /* its own location list */
+    /* Called with its own entry; a non-zero *outcome means the route
+     * satisfies the operator. */
+    vogno (*test)(struct shared_kela_prefix_extra_op_td *self, void *route, uint8_t arg,
+                  int32_t *outcome);
+    uint8_t arg;
+} shared_kela_prefix_extra_op_td;
+
+/* Descriptor of a prefix attribute (for example a route's destination). */
+typedef struct shared_kela_prefix_desc_td {
+    const char *name;
+    shared_kela_prefix_get_value_fn get_value;
+    shared_kela_prefix_set_value_fn set_value;
+    shared_kela_prefix_extra_op_td *ops;
+    uint32_t n_ops;
+} shared_kela_prefix_desc_td;
+
+/* A prefix list decoded for a client's own queries. */
+typedef struct shared_kela_pcl_query_pfx_ctx_t {
+    shared_kela_prefix_matchspec_td **pfxs; /* owned, allocated by the library */
+    int32_t count;                          /* elements in use */
+    uint32_t flags;                         /* set by the client: bit 0 keep exact (len = ge = le),
+                                               bit 1 keep ranges, bit 2 the parameters are in
+                                               address/mask form (keep all) */
+    vogno status;                           /* result of the last decoding */
+} shared_kela_pcl_query_pfx_ctx_t;
+
+#define SHARED_KELA_QUERY_EXACT 0x1u
+#define SHARED_KELA_QUERY_RANGE 0x2u
+#define SHARED_KELA_QUERY_ACL 0x4u
+
+/* 32 or 128 for families 2 and 10; any other family stops the process. */
+KELA_SHARED_API uint8_t shared_kela_prefix_key_len(uint8_t family);
+/* 4 or 16 for families 2 and 10; any other family stops the process. */
+KELA_SHARED_API uint8_t shared_kela_prefix_key_bytes(uint8_t family);
+
+/* Parses an address (IPv6 when the text contains ':'); *maxlen becomes 32
+ * or 128.  KEL_SHARED_ERR_BAD_VALUE when it is not an address. */
+KELA_SHARED_API vogno shared_kela_prefix_cvt_string_to_ipaddr(const char *text, ip_addr_t *out,
+                                                              uint32_t *maxlen);
+/* Parses an address and a wildcard mask written as an address. */
+KELA_SHARED_API vogno shared_kela_prefix_cvt_string_to_pfx_acl(const char *addr_text,
+                                                               const char *mask_text,
+                                                               ip_addr_t *addr, ip_addr_t *mask);
+/* Parses address, length, ge and le; with `check`, numbers are strict and
+ * ge <= le <= the family maximum is required (KEL_SHARED_ERR_BAD_LENGTH). */
+KELA_SHARED_API vogno shared_kela_prefix_cvt_string_to_pfx(const char *addr_text,
+                                                           const char *len_text,
+                                                           const char *ge_text, const char *le_text,
+                                                           ip_addr_t *addr, uint32_t *len,
+                                                           uint32_t *ge, uint32_t *le, int check);
+/* A newly allocated length-form specification. */
+KELA_SHARED_API vogno shared_kela_prefix_cvt_string_to_matchspec(
+    const char *addr_text, const char *len_text, const char *ge_text, const char *le_text,
+    shared_kela_prefix_matchspec_td **out);
+/* A newly allocated address/mask-form specification (no bound checks). */
+KELA_SHARED_API vogno shared_kela_prefix_cvt_string_to_matchspec_acl(
+    const char *addr_text, const char *mask_text, const char *ge_text, const char *le_text,
+    shared_kela_prefix_matchspec_td **out);
+/* The host prefix of an address; out->addr points into in (no copy). */
+KELA_SHARED_API vogno shared_kela_prefix_ipaddr_to_pfxaddr(ip_addr_t *in,
+                                                           shared_kela_prefix_addr_td *out);
+/* "a.b.c.d/len" (or the address alone), newly allocated; "<<error prefix>>"
+ * for what cannot be printed. */
+KELA_SHARED_API char *shared_kela_prefix_cvt_pfx_to_string(const shared_kela_prefix_addr_td *pfx,
+                                                           int addr_only);
+KELA_SHARED_API char *shared_kela_prefix_base_print(void *fw_value, void *route, void *desc);
+/* Outcome: memcmp of the two addresses of one family (lengths ignored), 0
+ * across families. */
+KELA_SHARED_API vogno shared_kela_prefix_base_cmp(void *route_a, void *route_b, void *desc,
+                                                  int32_t *outcome);
+
+/* 1 when the 128-bit prefix (addr, len) satisfies the range rule of
+ * (spec_addr, spec_len, ge, le): the length lies in max(spec_len, ge) ..
+ * max(spec_len, le) and every bit outside min(spec_len, ge) .. le equals the
+ * specification's. */
+KELA_SHARED_API int shared_kela_prefix_compare_ipv6_range(const uint8_t *addr, uint32_t len,
+                                                          const uint8_t *spec_addr,
+                                                          uint32_t spec_len, uint32_t ge,
+                                                          uint32_t le);
+/* 1 when the value is accepted by the length-form specification under the
+ * kind.  The longer kinds store the family maximum in the specification's
+ * le. */
+KELA_SHARED_API int shared_kela_prefix_match(shared_kela_prefix_addr_td *value,
+                                             shared_kela_prefix_matchspec_td *spec,
+                                             shared_kela_prefix_cmp_td kind);
+/* 1 when the value is accepted by the address/mask-form specification. */
+KELA_SHARED_API int shared_kela_prefix_match_acl(shared_kela_prefix_addr_td *value,
+                                                 shared_kela_prefix_matchspec_td *spec);
+
+/* Registers a prefix attribute: "pfxmatch", "pfxlonger", "pfxorlonger" (each
+ * a list of (address, length or mask, ge, le) segments), the setter
+ * "assign" (one "ip_addr_t"), then the descriptor's extra operators; no
+ * retriever. */
+KELA_SHARED_API vogno shared_kela_prefix_base_init(void *reg_ctx, char *errbuf, int32_t errlen,
+                                                   shared_kela_prefix_desc_td *desc,
+                                                   const char *const *op_locs,
+                                                   const char *const *set_locs,
+                                                   const char *const *retr_locs,
+                                                   const char *const *attr_locs);
+KELA_SHARED_API vogno shared_kela_prefix_cmp_match_veri(uint32_t count, char **params, void *desc,
+                                                        char **msg);
+KELA_SHARED_API vogno shared_kela_prefix_cmp_match_cons(uint32_t count, char **params, void **slots,
+                                                        void *desc, rasf_inst_t **inst);
+KELA_SHARED_API vogno shared_kela_prefix_cmp_longer_cons(uint32_t count, char **params,
+                                                         void **slots, void *desc,
+                                                         rasf_inst_t **inst);
+KELA_SHARED_API vogno shared_kela_prefix_cmp_orlonger_cons(uint32_t count, char **params,
+                                                           void **slots, void *desc,
+                                                           rasf_inst_t **inst);
+/* Releases a compiled prefix set (null accepted). */
+KELA_SHARED_API vogno shared_kela_prefix_cmp_match_free(void *ctx);
+
+/* "assign": one bare address; the verifier always leaves a message (the
+ * error library's text of its status). */
+KELA_SHARED_API vogno shared_kela_prefix_set_assign_veri(uint32_t count, char **params, void *desc,
+                                                         char **msg);
+KELA_SHARED_API vogno shared_kela_prefix_set_assign_cons(uint32_t count, char **params,
+                                                         void **slots, void *desc,
+                                                         rasf_inst_t **inst);
+/* Retriever entry points: they refuse every use. */
+KELA_SHARED_API vogno shared_kela_prefix_retr_veri(uint32_t count, char **params, void *desc,
+                                                   char **msg);
+KELA_SHARED_API vogno shared_kela_prefix_retr_cons(uint32_t count, char **params, void **slots,
+                                                   void *desc, rasf_inst_t **inst);
+KELA_SHARED_API vogno shared_kela_prefix_retr_retrieve(void *route, void *fw_arg1, void *fw_arg2,
+                                                       uint32_t *out, void *ctx);
+
+/* Decodes a prefix-set parameter vector into query->pfxs (appending),
+ * keeping the kinds query->flags asks for; the outcome is query->status. */
+KELA_SHARED_API void shared_kela_decode_pfxs(uint32_t count, char **params,
+                                             shared_kela_pcl_query_pfx_ctx_t *query);
+/* Releases the decoded specifications and clears the record. */
+KELA_SHARED_API void shared_kela_free_query_ctx(shared_kela_pcl_query_pfx_ctx_t *query);
 
 #ifdef __cplusplus
 }

@@ -21,6 +21,7 @@
 
 #include "kela_internal.hpp"
 #include "kela_register.hpp"
+#include "kela_single.hpp"
 #include "kela_valueset.hpp"
 
 namespace kela {
@@ -111,18 +112,15 @@ struct Uint {
         return st;
     }
 
+    // Lenient conversion into the slot; the verifier has checked the range.
+    static vogno lenient(const char *text, std::uint32_t *v) {
+        cvt_decimal(text, 0, v);
+        return 0;
+    }
+
     static vogno match_cons(std::uint32_t count, char **params, void **slots, void *ctx,
                             rasf_inst_t **out, rasf_cmp_fn cmp) {
-        if (params == nullptr || slots == nullptr) return KEL_SHARED_ERR_NULL_INPUT;
-        if (params[0] == nullptr) return KEL_SHARED_ERR_NULL_PARAM;
-        if (count != 1) return KEL_SHARED_ERR_PARAM_COUNT;
-        if (slots[0] == nullptr) return KEL_SHARED_ERR_VARIABLE;
-        std::uint32_t v = 0;
-        cvt_decimal(params[0], 0, &v);
-        set_slot_u32(slots, v);  // stays written even if the instance cannot be made
-        return InstanceBuilder(InstKind::Cmp, out, count, params, slots, ctx)
-            .add(rasf_kela_add_cmp_instance_function_cmp, cmp)
-            .finish();
+        return single_cmp_cons(count, params, slots, ctx, out, cmp, lenient);
     }
 
     template <Relation R>
@@ -144,23 +142,11 @@ struct Uint {
 
     static vogno assign_cons(std::uint32_t count, char **params, void **slots, void *ctx,
                              rasf_inst_t **out) {
-        // The setter tests the count first, unlike the operators.
-        if (count != 1) return KEL_SHARED_ERR_PARAM_COUNT;
-        if (params == nullptr || slots == nullptr) return KEL_SHARED_ERR_NULL_INPUT;
-        if (params[0] == nullptr) return KEL_SHARED_ERR_NULL_PARAM;
-        if (slots[0] == nullptr) return KEL_SHARED_ERR_VARIABLE;
-        std::uint32_t v = 0;
-        cvt_decimal(params[0], 0, &v);
-        set_slot_u32(slots, v);
-        return InstanceBuilder(InstKind::Set, out, count, params, slots, ctx)
-            .add(rasf_kela_add_set_instance_function_set, &assign_set)
-            .finish();
+        return single_set_cons(count, params, slots, ctx, out, &assign_set, lenient);
     }
 
     static vogno assign_set(void *route, std::uint32_t count, void **slots, void *ctx) {
-        if (count == 0 || slots == nullptr) return KEL_SHARED_ERR_NULL_INPUT;
-        if (slots[0] == nullptr) return KEL_SHARED_ERR_NULL_PARAM;
-        if (route == nullptr || ctx == nullptr) return KEL_SHARED_ERR_NULL_RESULT;
+        if (vogno st = set_checks(route, count, slots, ctx); st != 0) return st;
         store_at(route, offset(static_cast<Desc *>(ctx)), static_cast<Value>(slot_u32(slots)));
         return 0;
     }
@@ -172,9 +158,7 @@ struct Uint {
     static vogno retr_retrieve(void *, void *, void *, std::uint32_t *, void *) { return 0; }
     static vogno retr_cons(std::uint32_t count, char **params, void **slots, void *ctx,
                            rasf_inst_t **out) {
-        return InstanceBuilder(InstKind::Retriever, out, count, params, slots, ctx)
-            .add(rasf_kela_add_retriever_instance_function_retrieve, &retr_retrieve)
-            .finish();
+        return retriever_cons(count, params, slots, ctx, out, &retr_retrieve);
     }
 
     // ---- registration ---------------------------------------------------------

@@ -56,6 +56,69 @@ vogno free_value_set_copy(void *ctx) {
     return 0;
 }
 
+// The verifier's walk once its own argument checks passed: the list must
+// open a segment list, every constant must convert (strict) and pass
+// `check(value, msg)`; a segment of another width is the plain number 4.
+template <typename Convert, typename Check>
+vogno value_set_verify_list(std::uint32_t count, char **params, char **msg, Convert &&convert,
+                            Check &&check) {
+    Segments segs(count, params);
+    if (!segs) {
+        msg_if_empty(msg, "Internal error: malformed parameters");
+        return KEL_SHARED_ERR_BAD_VALUE;
+    }
+    vogno st = walk_value_list(segs, convert, [&](std::uint32_t v) { return check(v, msg); });
+    if (st == 4) msg_if_empty(msg, "Parameter mismatch.");
+    return st;
+}
+
+// Constructor of "matches-any": a private copy of the descriptor that owns
+// the value block.  `precheck(count, params, slots)` gives the type's own
+// argument tests, run after the copy was made.
+template <typename Desc, typename Precheck, typename Convert>
+vogno value_set_cons(std::uint32_t count, char **params, void **slots, void *desc,
+                     rasf_inst_t **out, rasf_cmp_fn cmp, Precheck &&precheck, Convert &&convert) {
+    CPtr<Desc> copy = zalloc<Desc>();
+    CPtr<std::uint32_t> block = make_value_block(count);
+    if (!copy || !block) return KEL_SHARED_ERR_NO_MEMORY;
+    if (desc == nullptr) return KEL_SHARED_ERR_NO_PARAM_ARRAY;
+    *copy = *static_cast<Desc *>(desc);
+    if (vogno st = precheck(count, params, slots); st != 0) return st;
+    Segments segs(count, params);
+    if (!segs) return KEL_SHARED_ERR_NULL_INPUT;
+    vogno st = walk_value_list(
+        segs, [&](const char *t, std::uint32_t *v) { return convert(copy.get(), t, v); },
+        [&](std::uint32_t v) -> vogno {
+            value_block_add(block.get(), v);
+            return 0;
+        });
+    if (st != 0) return st;
+    copy->value_set = block.get();
+    st = InstanceBuilder(InstKind::Cmp, out, count, params, slots, copy.get())
+             .add(rasf_kela_add_cmp_instance_function_cmp, cmp)
+             .finish();
+    if (st != 0) return st;
+    block.release();  // owned by the copy, which the instance owns
+    copy.release();
+    return 0;
+}
+
+// Compare of "matches-any": the route's 32-bit word at the copy's index is
+// looked up in the value block.
+template <typename Desc>
+vogno value_set_cmp(void *route, std::uint32_t count, void **slots, void *ctx,
+                    std::int32_t *outcome) {
+    // Inputs before the outcome pointer here, unlike the single-constant
+    // compares.
+    if (count == 0 || slots == nullptr) return KEL_SHARED_ERR_NULL_INPUT;
+    if (outcome == nullptr) return KEL_SHARED_ERR_NULL_RESULT;
+    const Desc *copy = static_cast<Desc *>(ctx);
+    if (route == nullptr || copy == nullptr) return KEL_SHARED_ERR_NULL_RESULT;
+    const std::uint32_t v = load_at<std::uint32_t>(route, copy->index * 4);
+    *outcome = value_block_has(static_cast<const std::uint32_t *>(copy->value_set), v) ? 1 : 0;
+    return 0;
+}
+
 }  // namespace kela
 
 #endif  // KELA_VALUESET_HPP

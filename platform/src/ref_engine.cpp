@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "ip_addr.h"
+#include "qv_inet.h"
 #include "ref_internal.hpp"
 
 struct kref_stmt {
@@ -29,18 +31,27 @@ struct kref_stmt {
 
 namespace {
 
+// A text of the parameter vector and the argument type it stands for
+// (null for segment headers and texts beyond the list).
+struct Param {
+    const char *text;
+    const char *type;
+};
+
 // Lays the policy's items out along the argument-type list.
-std::vector<const char *> lay_out(const rasf_args *args, std::size_t n_items,
-                                  const kref_item_t *items, std::vector<std::string> &headers) {
-    std::vector<const char *> flat;
+std::vector<Param> lay_out(const rasf_args *args, std::size_t n_items, const kref_item_t *items,
+                           std::vector<std::string> &headers) {
+    std::vector<Param> flat;
     std::size_t next = 0;
+    const char *type = nullptr;
     auto take = [&](const kref_item_t &item) {
-        for (std::uint32_t i = 0; i < item.n; ++i) flat.push_back(item.texts[i]);
+        for (std::uint32_t i = 0; i < item.n; ++i) flat.push_back({item.texts[i], type});
     };
     // Headers are kept in `headers`; reserve so their texts do not move.
     headers.reserve(n_items);
     if (args != nullptr) {
         for (const rasf_args::Entry &e : args->entries) {
+            type = e.type.c_str();
             switch (e.kind) {
                 case KREF_ARG_SINGLE:
                     if (next < n_items) take(items[next++]);
@@ -49,7 +60,7 @@ std::vector<const char *> lay_out(const rasf_args *args, std::size_t n_items,
                     for (int seg = 0; next < n_items; ++seg, ++next) {
                         headers.push_back("arg" + std::to_string(seg) + ":" +
                                           std::to_string(items[next].n));
-                        flat.push_back(headers.back().c_str());
+                        flat.push_back({headers.back().c_str(), nullptr});
                         take(items[next]);
                     }
                     break;
@@ -60,22 +71,38 @@ std::vector<const char *> lay_out(const rasf_args *args, std::size_t n_items,
             }
         }
     }
+    type = nullptr;
     while (next < n_items) take(items[next++]);
     return flat;
 }
 
-bool build_vectors(kref_stmt &stmt, const std::vector<const char *> &flat) {
+// The framework parses the arguments whose type it knows itself: an
+// "ip_addr_t" parameter reaches the instance as an address record in its
+// value slot.
+void fill_slot(void *slot, const Param &p) {
+    if (p.type == nullptr || std::strcmp(p.type, "ip_addr_t") != 0) return;
+    ip_addr_t a{};
+    const bool v6 = std::strchr(p.text, ':') != nullptr;
+    if (qv_inet_pton(v6 ? QV_AF_INET6 : QV_AF_INET, p.text, a.addr) != 1) return;
+    a.family = v6 ? QV_AF_INET6 : QV_AF_INET;
+    a.length = v6 ? 16 : 4;
+    std::memcpy(slot, &a, sizeof a);
+}
+
+bool build_vectors(kref_stmt &stmt, const std::vector<Param> &flat) {
     stmt.params = static_cast<char **>(std::calloc(flat.size() + 1, sizeof(char *)));
     stmt.slots = static_cast<void **>(std::calloc(flat.size() + 1, sizeof(void *)));
     if (stmt.params == nullptr || stmt.slots == nullptr) return false;
-    for (const char *t : flat) {
-        if (t != nullptr) {
-            char *copy = strdup(t);
+    static_assert(sizeof(ip_addr_t) <= RASF_SLOT_SIZE);
+    for (const Param &p : flat) {
+        if (p.text != nullptr) {
+            char *copy = strdup(p.text);
             void *slot = std::calloc(1, RASF_SLOT_SIZE);
             stmt.params[stmt.count] = copy;
             stmt.slots[stmt.count] = slot;
             ++stmt.count;  // counted now so that the destructor frees them
             if (copy == nullptr || slot == nullptr) return false;
+            fill_slot(slot, p);
         } else {
             ++stmt.count;  // a variable: no text, no slot
         }
@@ -123,8 +150,11 @@ vogno kref_compile(const char *attr_name, kref_kind_t kind, const char *name, co
     stmt->free_fn = op_copy.free_fn;
     if (!build_vectors(*stmt, lay_out(args, n_items, items, headers))) return KREF_ERR_NO_MEMORY;
 
+    // A statement without parameters hands over no vector at all.
+    char **params = stmt->count != 0 ? stmt->params : nullptr;
+    void **slots = stmt->count != 0 ? stmt->slots : nullptr;
     char *message = nullptr;
-    vogno st = op_copy.verify(stmt->count, stmt->params, op_copy.desc, &message);
+    vogno st = op_copy.verify(stmt->count, params, op_copy.desc, &message);
     if (msg != nullptr) {
         *msg = message;
     } else {
@@ -133,7 +163,7 @@ vogno kref_compile(const char *attr_name, kref_kind_t kind, const char *name, co
     if (st != 0) return st;
 
     rasf_inst_t *inst = nullptr;
-    st = op_copy.construct(stmt->count, stmt->params, stmt->slots, op_copy.desc, &inst);
+    st = op_copy.construct(stmt->count, params, slots, op_copy.desc, &inst);
     if (st != 0) return st;
     if (inst == nullptr) return KREF_ERR_BAD_ARG;
     if (inst->kind != kind) {

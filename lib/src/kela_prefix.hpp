@@ -1,0 +1,107 @@
+// Internals shared by the prefix sources (values, matching, prefix sets,
+// the attribute) and by the address types that parse the same texts.
+#ifndef KELA_PREFIX_HPP
+#define KELA_PREFIX_HPP
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "kela_internal.hpp"
+#include "kela_shared.h"
+#include "radix.h"
+
+namespace kela::prefix {
+
+inline constexpr std::uint8_t kV4 = 2;
+inline constexpr std::uint8_t kV6 = 10;
+
+// Stops the process: a state the library's own parsers cannot produce.
+[[noreturn]] void assertion(const char *prototype);
+
+inline bool known_family(std::uint8_t family) {
+    return family == kV4 || family == kV6;
+}
+
+// Releases a specification: its mask, then the record (null accepted).
+inline void free_spec(shared_kela_prefix_matchspec_td *spec) {
+    if (spec != nullptr) {
+        std::free(spec->mask);
+        std::free(spec);
+    }
+}
+struct SpecDeleter {
+    void operator()(shared_kela_prefix_matchspec_td *s) const noexcept { free_spec(s); }
+};
+using SpecPtr = std::unique_ptr<shared_kela_prefix_matchspec_td, SpecDeleter>;
+
+// A zero-filled specification record with room for the family's key bytes.
+inline SpecPtr alloc_spec(std::uint8_t family) {
+    const std::size_t bytes =
+        offsetof(shared_kela_prefix_matchspec_td, addr) + shared_kela_prefix_key_bytes(family);
+    return SpecPtr(static_cast<shared_kela_prefix_matchspec_td *>(std::calloc(1, bytes)));
+}
+
+// Frees a value's address when the getter allocated it for this call.
+inline void release_value(shared_kela_prefix_addr_td &v) {
+    if (v.free_addr != 0 && v.addr != nullptr) std::free(v.addr);
+    v.addr = nullptr;
+}
+
+}  // namespace kela::prefix
+
+// ---- the prefix-set match context ---------------------------------------------
+
+// Tree entry: the specifications filed under one key (also the wild list,
+// whose key is not used).
+struct shared_kela_prefix_info_td {
+    radix_node hdr;
+    std::int32_t count;
+    shared_kela_prefix_matchspec_td **specs;
+    std::uint8_t keylen;
+    std::uint8_t key[];
+};
+
+// One wildcard mask of a family, with the tree of its entries.
+struct shared_kela_prefix_list_node {
+    radix_head *head;
+    shared_kela_prefix_list_node *next;
+    std::uint8_t keylen;
+    std::uint8_t key[];
+};
+
+// Entry of a mask node's tree: address AND NOT mask.
+struct shared_kela_prefix_acl_entry {
+    radix_node hdr;
+    shared_kela_prefix_matchspec_td *spec;
+    std::uint8_t keylen;
+    std::uint8_t key[];
+};
+
+struct shared_kela_prefix_match_ctx_td {
+    radix_head *v4_head;
+    radix_head *v6_head;
+    shared_kela_prefix_info_td *v4_wild;
+    shared_kela_prefix_info_td *v6_wild;
+    shared_kela_prefix_list_node **v4_lists;
+    shared_kela_prefix_list_node **v6_lists;
+    shared_kela_prefix_get_value_fn get_value;
+    shared_kela_prefix_cmp_td cmp;
+    char *print_ctx;
+};
+
+namespace kela::prefix {
+
+vogno match_ctx_build(std::uint32_t count, char **params, shared_kela_prefix_match_ctx_td *ctx);
+vogno match_ctx_add(shared_kela_prefix_match_ctx_td *ctx, const char *a1, const char *a2,
+                    const char *a3, const char *a4, bool acl);
+vogno match_ctx_cmp(void *route, std::uint32_t count, void **slots, void *ctx,
+                    std::int32_t *result);
+
+// The family's tree and wild list; another family stops the process.
+radix_head *family_head(shared_kela_prefix_match_ctx_td *ctx, std::uint8_t family);
+shared_kela_prefix_info_td *family_wild(shared_kela_prefix_match_ctx_td *ctx, std::uint8_t family);
+
+}  // namespace kela::prefix
+
+#endif  // KELA_PREFIX_HPP

@@ -1,0 +1,345 @@
+// Prefix sets compiled for "pfxmatch", "pfxlonger" and "pfxorlonger": per
+// family a wild list (all-zero addresses, tried against every prefix), a
+// radix tree of length-form specifications keyed by their shortest
+// relevant prefix, and per wildcard mask a tree of address/mask entries.
+#include <algorithm>
+#include <cstring>
+
+#include "kela_prefix.hpp"
+#include "kela_segments.hpp"
+
+using namespace kela::prefix;
+
+namespace {
+
+using Info = shared_kela_prefix_info_td;
+using AclEntry = shared_kela_prefix_acl_entry;
+using MaskNode = shared_kela_prefix_list_node;
+using Ctx = shared_kela_prefix_match_ctx_td;
+
+void info_free(void *entry) {
+    auto *info = static_cast<Info *>(entry);
+    if (info == nullptr) return;
+    for (std::int32_t i = 0; i < info->count; ++i) free_spec(info->specs[i]);
+    std::free(info->specs);
+    std::free(info);
+}
+
+void acl_entry_free(void *entry) {
+    auto *acl = static_cast<AclEntry *>(entry);
+    if (acl == nullptr) return;
+    free_spec(acl->spec);
+    std::free(acl);
+}
+
+void free_lists(MaskNode **anchor) {
+    if (anchor == nullptr) return;
+    for (MaskNode *node = *anchor; node != nullptr;) {
+        MaskNode *next = node->next;
+        rn_tree_destroy(&node->head);
+        std::free(node);
+        node = next;
+    }
+    std::free(anchor);
+}
+
+// Everything the context owns but its print text; the first six fields end
+// up null.
+void teardown(Ctx *ctx) {
+    rn_tree_destroy(&ctx->v4_head);
+    rn_tree_destroy(&ctx->v6_head);
+    info_free(ctx->v4_wild);
+    info_free(ctx->v6_wild);
+    free_lists(ctx->v4_lists);
+    free_lists(ctx->v6_lists);
+    ctx->v4_wild = ctx->v6_wild = nullptr;
+    ctx->v4_lists = ctx->v6_lists = nullptr;
+}
+
+bool all_zero(const std::uint8_t *bytes, std::size_t n) {
+    for (std::size_t i = 0; i < n; ++i)
+        if (bytes[i] != 0) return false;
+    return true;
+}
+
+// Appends a specification unless one with the same len, ge and le is
+// already filed there (the addresses agree on the filed bits): then the new
+// one is released and *spec becomes null.  `upper` (when not 0) becomes the
+// filed specification's le: the longer kinds match with the family maximum
+// as upper bound, and setting it while the set is private to its build
+// keeps evaluations from ever writing to a shared specification.
+vogno info_add_matchspec(Info *info, shared_kela_prefix_matchspec_td **spec, std::uint8_t upper) {
+    shared_kela_prefix_matchspec_td *s = *spec;
+    const std::uint8_t le = upper != 0 ? upper : s->le;
+    for (std::int32_t i = 0; i < info->count; ++i) {
+        const shared_kela_prefix_matchspec_td *o = info->specs[i];
+        if (o->len == s->len && o->ge == s->ge && o->le == le) {
+            free_spec(s);
+            *spec = nullptr;
+            return 0;
+        }
+    }
+    auto **grown = static_cast<shared_kela_prefix_matchspec_td **>(std::realloc(
+        info->specs,
+        (static_cast<std::size_t>(info->count) + 1) * sizeof(shared_kela_prefix_matchspec_td *)));
+    if (grown == nullptr) return KEL_SHARED_ERR_NO_MEMORY;
+    grown[info->count++] = s;
+    info->specs = grown;
+    if (upper != 0) s->le = upper;
+    return 0;
+}
+
+// The key of a length-form specification: its address cut to
+// min(len, ge, le) bits.
+void compute_key(Info *info, const shared_kela_prefix_matchspec_td *spec) {
+    const std::uint8_t keylen = std::min({spec->len, spec->ge, spec->le});
+    const std::size_t bytes = shared_kela_prefix_key_bytes(spec->family);
+    info->keylen = keylen;
+    std::memcpy(info->key, spec->addr, bytes);
+    const std::size_t full = keylen / 8;
+    if (full < bytes) {
+        info->key[full] &= static_cast<std::uint8_t>(0xFF00u >> (keylen % 8));
+        std::memset(info->key + full + 1, 0, bytes - full - 1);
+    }
+}
+
+// A new mask node for the specification's mask, put at the front of its
+// family's list; null when it cannot be made.
+MaskNode *new_mask_node(Ctx *ctx, const shared_kela_prefix_matchspec_td *spec) {
+    MaskNode **anchor = spec->family == kV4 ? ctx->v4_lists : ctx->v6_lists;
+    const std::uint8_t bytes = shared_kela_prefix_key_bytes(spec->family);
+    kela::CPtr<MaskNode> node = kela::zalloc<MaskNode>(offsetof(MaskNode, key) + bytes);
+    if (!node) return nullptr;
+    node->keylen = static_cast<std::uint8_t>(bytes * 8);
+    std::memcpy(node->key, spec->mask, bytes);
+    node->head = rn_tree_init(offsetof(AclEntry, key), offsetof(AclEntry, keylen), acl_entry_free);
+    if (node->head == nullptr) return nullptr;
+    node->next = *anchor;
+    *anchor = node.get();
+    return node.release();
+}
+
+void compute_acl_key(AclEntry *entry, const shared_kela_prefix_matchspec_td *spec) {
+    const std::uint8_t bytes = shared_kela_prefix_key_bytes(spec->family);
+    entry->keylen = static_cast<std::uint8_t>(bytes * 8);
+    for (std::uint8_t i = 0; i < bytes; ++i)
+        entry->key[i] = static_cast<std::uint8_t>(spec->addr[i] & ~spec->mask[i]);
+}
+
+// Files an address/mask specification in the tree of its mask.  The same
+// address under the same mask with other bounds cannot share an entry; it
+// goes to a further node of the same mask rather than being lost (every node
+// is probed at lookup).  The same bounds again is a duplicate and dropped.
+vogno add_acl(Ctx *ctx, SpecPtr spec) {
+    const std::uint8_t bytes = shared_kela_prefix_key_bytes(spec->family);
+    kela::CPtr<AclEntry> entry = kela::zalloc<AclEntry>(offsetof(AclEntry, key) + bytes);
+    if (!entry) return KEL_SHARED_ERR_NO_MEMORY;
+    compute_acl_key(entry.get(), spec.get());
+    MaskNode *first = spec->family == kV4 ? *ctx->v4_lists : *ctx->v6_lists;
+    for (MaskNode *node = first; node != nullptr; node = node->next) {
+        if (std::memcmp(node->key, spec->mask, node->keylen / 8) != 0) continue;
+        if (rn_insert(node->head, entry.get()) == 0) {
+            entry.release()->spec = spec.release();
+            return 0;
+        }
+        auto *held = static_cast<AclEntry *>(rn_search(node->head, entry->key, entry->keylen));
+        if (held != nullptr && held->spec->ge == spec->ge && held->spec->le == spec->le) return 0;
+    }
+    MaskNode *node = new_mask_node(ctx, spec.get());
+    if (node == nullptr) return KEL_SHARED_ERR_NO_MEMORY;
+    if (rn_insert(node->head, entry.get()) != 0) return KEL_SHARED_ERR_TREE_INSERT;
+    entry.release()->spec = spec.release();
+    return 0;
+}
+
+// The le that the context's kind makes every filed specification use.
+std::uint8_t upper_bound(const Ctx *ctx, std::uint8_t family) {
+    const bool longer =
+        ctx->cmp == SHARED_KELA_PREFIX_CMP_LONGER || ctx->cmp == SHARED_KELA_PREFIX_CMP_ORLONGER;
+    return longer ? shared_kela_prefix_key_len(family) : 0;
+}
+
+vogno add_length_form(Ctx *ctx, SpecPtr spec) {
+    const std::uint8_t bytes = shared_kela_prefix_key_bytes(spec->family);
+    kela::CPtr<Info> info = kela::zalloc<Info>(offsetof(Info, key) + bytes);
+    if (!info) return KEL_SHARED_ERR_NO_MEMORY;
+    compute_key(info.get(), spec.get());
+    radix_head *tree = family_head(ctx, spec->family);
+    const std::uint8_t upper = upper_bound(ctx, spec->family);
+    shared_kela_prefix_matchspec_td *raw = spec.release();
+    if (auto *held = static_cast<Info *>(rn_search(tree, info->key, info->keylen))) {
+        vogno st = info_add_matchspec(held, &raw, upper);
+        if (st != 0) free_spec(raw);
+        return st;
+    }
+    if (vogno st = info_add_matchspec(info.get(), &raw, upper); st != 0) {
+        free_spec(raw);
+        return st;
+    }
+    if (rn_insert(tree, info.get()) != 0) {
+        info_free(info.release());
+        return KEL_SHARED_ERR_TREE_INSERT;
+    }
+    info.release();
+    return 0;
+}
+
+}  // namespace
+
+namespace kela::prefix {
+
+radix_head *family_head(Ctx *ctx, std::uint8_t family) {
+    if (family == kV4) return ctx->v4_head;
+    if (family == kV6) return ctx->v6_head;
+    assertion(
+        "struct radix_head *shared_kela_prefix_head(shared_kela_prefix_match_ctx_td *, uint8_t)");
+}
+
+shared_kela_prefix_info_td *family_wild(Ctx *ctx, std::uint8_t family) {
+    if (family == kV4) return ctx->v4_wild;
+    if (family == kV6) return ctx->v6_wild;
+    assertion(
+        "shared_kela_prefix_info_td *shared_kela_prefix_wild(shared_kela_prefix_match_ctx_td *, "
+        "uint8_t)");
+}
+
+vogno match_ctx_add(Ctx *ctx, const char *a1, const char *a2, const char *a3, const char *a4,
+                    bool acl) {
+    shared_kela_prefix_matchspec_td *raw = nullptr;
+    vogno st = acl ? shared_kela_prefix_cvt_string_to_matchspec_acl(a1, a2, a3, a4, &raw)
+                   : shared_kela_prefix_cvt_string_to_matchspec(a1, a2, a3, a4, &raw);
+    if (st != 0) return st;
+    SpecPtr spec(raw);
+    if (all_zero(spec->addr, shared_kela_prefix_key_bytes(spec->family))) {
+        const std::uint8_t upper = upper_bound(ctx, spec->family);
+        raw = spec.release();
+        st = info_add_matchspec(family_wild(ctx, raw->family), &raw, upper);
+        if (st != 0) free_spec(raw);
+        return st;
+    }
+    return acl ? add_acl(ctx, std::move(spec)) : add_length_form(ctx, std::move(spec));
+}
+
+vogno match_ctx_build(std::uint32_t count, char **params, Ctx *ctx) {
+    if (static_cast<std::int32_t>(count) < 0) return 4;
+    if (ctx->v4_head != nullptr || ctx->v6_head != nullptr) return 3;
+    ctx->v4_head = rn_tree_init(offsetof(Info, key), offsetof(Info, keylen), info_free);
+    ctx->v6_head = rn_tree_init(offsetof(Info, key), offsetof(Info, keylen), info_free);
+    ctx->v4_wild = static_cast<Info *>(std::calloc(1, sizeof(Info)));
+    ctx->v6_wild = static_cast<Info *>(std::calloc(1, sizeof(Info)));
+    ctx->v4_lists = static_cast<MaskNode **>(std::calloc(1, sizeof(MaskNode *)));
+    ctx->v6_lists = static_cast<MaskNode **>(std::calloc(1, sizeof(MaskNode *)));
+    if (!ctx->v4_head || !ctx->v6_head || !ctx->v4_wild || !ctx->v6_wild || !ctx->v4_lists ||
+        !ctx->v6_lists) {
+        teardown(ctx);
+        return KEL_SHARED_ERR_NO_MEMORY;
+    }
+    if (count == 0) return 0;
+
+    kela::Segments segs(count, params);
+    if (!segs) {
+        teardown(ctx);
+        return KEL_SHARED_ERR_BAD_VALUE;
+    }
+    vogno st = 0;
+    kela::WalkEnd end = segs.each(
+        4,
+        [&](char **a) {
+            // An address/mask entry writes its mask where the length goes.
+            const bool acl = a[1] != nullptr && std::strlen(a[1]) > 3;
+            return match_ctx_add(ctx, a[0], a[1], a[2], a[3], acl);
+        },
+        &st);
+    if (end != kela::WalkEnd::Complete) {
+        teardown(ctx);
+        return 4;
+    }
+    return 0;
+}
+
+}  // namespace kela::prefix
+
+namespace {
+
+// Whether any specification of the record accepts the value.
+bool any_accepts(const Info *info, shared_kela_prefix_addr_td *value,
+                 shared_kela_prefix_cmp_td kind) {
+    for (std::int32_t i = 0; i < info->count; ++i)
+        if (shared_kela_prefix_match(value, info->specs[i], kind) != 0) return true;
+    return false;
+}
+
+// One value against the whole set: wild list, then the tree from the most
+// to the least specific covering key, then each mask.
+bool set_accepts(Ctx *ctx, shared_kela_prefix_addr_td *value) {
+    if (any_accepts(family_wild(ctx, value->family), value, ctx->cmp)) return true;
+
+    radix_head *tree = family_head(ctx, value->family);
+    for (std::uint32_t n = value->len;;) {
+        auto *entry =
+            static_cast<Info *>(rn_lookup(tree, value->addr, static_cast<std::uint8_t>(n)));
+        if (entry == nullptr) break;
+        if (any_accepts(entry, value, ctx->cmp)) return true;
+        if (entry->keylen <= 1) break;
+        n = entry->keylen - 1u;
+    }
+
+    const std::uint8_t bytes = shared_kela_prefix_key_bytes(value->family);
+    MaskNode *first = value->family == kV4 ? *ctx->v4_lists : *ctx->v6_lists;
+    for (MaskNode *node = first; node != nullptr; node = node->next) {
+        // The probe lives on the stack: evaluation allocates nothing.
+        std::uint8_t probe[16];
+        for (std::uint8_t i = 0; i < bytes; ++i)
+            probe[i] = static_cast<std::uint8_t>(value->addr[i] & ~node->key[i]);
+        auto *entry = static_cast<AclEntry *>(
+            rn_lookup(node->head, probe, static_cast<std::uint8_t>(bytes * 8)));
+        if (entry != nullptr && entry->spec->is_acl == 1 &&
+            shared_kela_prefix_match_acl(value, entry->spec) != 0)
+            return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+namespace kela::prefix {
+
+vogno match_ctx_cmp(void *route, std::uint32_t count, void **, void *context,
+                    std::int32_t *result) {
+    if (result == nullptr) return KEL_SHARED_ERR_NULL_RESULT;
+    *result = 0;
+    auto *ctx = static_cast<Ctx *>(context);
+    if (ctx == nullptr || ctx->v4_head == nullptr || ctx->v6_head == nullptr ||
+        ctx->get_value == nullptr)
+        return KEL_SHARED_ERR_NO_PARAM_ARRAY;
+    if (count == 0) return 0;
+    for (;;) {
+        shared_kela_prefix_addr_td value{};
+        std::uint32_t more = 0;
+        vogno st = ctx->get_value(ctx, route, &value, &more);
+        if (st == 16 || st == 19) return 0;  // the route has no value
+        if (st != 0) return st;
+        if (!known_family(value.family) || value.addr == nullptr) {
+            release_value(value);
+            return KEL_SHARED_ERR_NO_PARAM_ARRAY;
+        }
+        const bool accepted = set_accepts(ctx, &value);
+        release_value(value);
+        if (accepted) {
+            *result = 1;
+            return 0;
+        }
+        if (more == 0) return 0;
+    }
+}
+
+}  // namespace kela::prefix
+
+extern "C" KELA_SHARED_API vogno shared_kela_prefix_cmp_match_free(void *context) {
+    auto *ctx = static_cast<Ctx *>(context);
+    if (ctx == nullptr) return 0;
+    teardown(ctx);
+    std::free(ctx->print_ctx);
+    std::free(ctx);
+    return 0;
+}

@@ -1,0 +1,49 @@
+// Address text conversion over the C library's inet_pton/inet_ntop, and the
+// IPv4 prefix-range rule.
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <cstring>
+
+#include "ipv4_range.h"
+#include "qv_inet.h"
+
+namespace {
+int native_family(int family) {
+    return family == QV_AF_INET ? AF_INET : family == QV_AF_INET6 ? AF_INET6 : -1;
+}
+}  // namespace
+
+extern "C" {
+
+int qv_inet_pton(int family, const char *text, void *dst) {
+    const int af = native_family(family);
+    if (af < 0) return -1;
+    if (text == nullptr || dst == nullptr) return 0;
+    return inet_pton(af, text, dst);
+}
+
+const char *qv_inet_ntop(int family, const void *src, char *buf, size_t size) {
+    const int af = native_family(family);
+    if (af < 0 || src == nullptr || buf == nullptr) return nullptr;
+    return inet_ntop(af, src, buf, static_cast<socklen_t>(size));
+}
+
+int ipv4_compare_prefix_range(const uint8_t *addr, uint32_t len, const uint8_t *spec_addr,
+                              uint32_t spec_len, uint32_t ge, uint32_t le) {
+    const uint32_t low_len = spec_len > ge ? spec_len : ge;
+    const uint32_t high_len = spec_len > le ? spec_len : le;
+    if (low_len > len || high_len < len) return 0;
+    const uint32_t lo = spec_len < ge ? spec_len : ge;
+    const uint32_t hi = le > 32 ? 32 : le;
+    uint32_t a, s;
+    std::memcpy(&a, addr, 4);
+    std::memcpy(&s, spec_addr, 4);
+    const uint32_t d = ntohl(a) ^ ntohl(s);
+    // Free bits: positions lo .. hi-1, counted from the most significant.
+    const uint32_t host = lo > 31 ? 0u : 0xFFFFFFFFu >> lo;
+    const uint32_t net = hi == 0 ? 0u : hi >= 32 ? 0xFFFFFFFFu : 0xFFFFFFFFu << (32 - hi);
+    return (d & ~(host & net)) == 0 ? 1 : 0;
+}
+
+}  // extern "C"

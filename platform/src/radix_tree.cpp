@@ -1,0 +1,244 @@
+// Radix tree over prefixes: a path-compressed binary trie whose nodes live
+// in the entries' own headers, so inserting allocates nothing and a lookup
+// reads one node per branching level.
+//
+// Two kinds of node, both inside entries:
+//  - the entry node (the header at the start of the entry): tests the bit at
+//    the entry's own length; everything below extends the entry's key;
+//  - the glue node (the second half of some entry's header): a pure
+//    branching node at a bit where two subtrees part.
+// Child links are tagged: low bit set = glue node (address of an entry's
+// rn_glue_link), clear = entry.  Along a path the tested bits strictly
+// increase, so lookups only ever walk downwards.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "radix.h"
+
+struct radix_head {
+    std::size_t key_offset;
+    std::size_t keylen_offset;
+    rn_destructor_fn destructor;
+    void *root;  // tagged link
+    std::size_t count;
+};
+
+namespace {
+
+using Link = void *;
+
+inline bool is_glue(Link l) {
+    return (reinterpret_cast<std::uintptr_t>(l) & 1u) != 0;
+}
+inline radix_node *glue_owner(Link l) {
+    // The tag marks the glue half; the owner is the header it belongs to.
+    auto *links =
+        reinterpret_cast<void **>(reinterpret_cast<std::uintptr_t>(l) & ~std::uintptr_t{1});
+    return reinterpret_cast<radix_node *>(reinterpret_cast<char *>(links) -
+                                          offsetof(radix_node, rn_glue_link));
+}
+inline Link glue_link_of(radix_node *n) {
+    return reinterpret_cast<Link>(reinterpret_cast<std::uintptr_t>(&n->rn_glue_link) | 1u);
+}
+inline radix_node *entry_node(Link l) {
+    return static_cast<radix_node *>(l);
+}
+
+struct Tree {
+    const radix_head *h;
+    const std::uint8_t *key(const radix_node *e) const {
+        return reinterpret_cast<const std::uint8_t *>(e) + h->key_offset;
+    }
+    std::uint8_t len(const radix_node *e) const {
+        return *(reinterpret_cast<const std::uint8_t *>(e) + h->keylen_offset);
+    }
+};
+
+inline int bit_at(const std::uint8_t *key, unsigned b) {
+    return (key[b >> 3] >> (7 - (b & 7))) & 1;
+}
+
+// Whether a and b agree on their first n bits.
+inline bool prefix_equal(const std::uint8_t *a, const std::uint8_t *b, unsigned n) {
+    const unsigned full = n >> 3;
+    if (std::memcmp(a, b, full) != 0) return false;
+    const unsigned rest = n & 7;
+    return rest == 0 || ((a[full] ^ b[full]) & (0xFF00u >> rest) & 0xFFu) == 0;
+}
+
+// First bit where a and b differ, looking at no more than n bits.
+inline unsigned first_difference(const std::uint8_t *a, const std::uint8_t *b, unsigned n) {
+    for (unsigned i = 0; i < (n + 7) / 8; ++i) {
+        const unsigned x = a[i] ^ b[i];
+        if (x != 0) {
+            const unsigned b0 = i * 8 + static_cast<unsigned>(__builtin_clz(x) - 24);
+            return b0 < n ? b0 : n;
+        }
+    }
+    return n;
+}
+
+// Any entry in the subtree of a link.
+radix_node *some_entry(Link l) {
+    while (is_glue(l)) l = glue_owner(l)->rn_glue_link[0];
+    return entry_node(l);
+}
+
+}  // namespace
+
+extern "C" {
+
+struct radix_head *rn_tree_init(size_t key_offset, size_t keylen_offset,
+                                rn_destructor_fn destructor) {
+    auto *h = static_cast<radix_head *>(std::calloc(1, sizeof(radix_head)));
+    if (h == nullptr) return nullptr;
+    h->key_offset = key_offset;
+    h->keylen_offset = keylen_offset;
+    h->destructor = destructor;
+    return h;
+}
+
+size_t rn_tree_count(const struct radix_head *head) {
+    return head != nullptr ? head->count : 0;
+}
+
+int rn_insert(struct radix_head *head, void *entry) {
+    if (head == nullptr || entry == nullptr) return -1;
+    const Tree t{head};
+    auto *n = static_cast<radix_node *>(entry);
+    const std::uint8_t *k = t.key(n);
+    const unsigned len = t.len(n);
+    if (len > 128) return -1;
+    n->rn_link[0] = n->rn_link[1] = nullptr;
+    n->rn_glue_link[0] = n->rn_glue_link[1] = nullptr;
+    n->rn_glue_bit = 0;
+    if (head->root == nullptr) {
+        head->root = n;
+        ++head->count;
+        return 0;
+    }
+
+    // Follow the new key as far as it leads, then measure where it parts
+    // from an entry found there.
+    Link l = head->root;
+    for (;;) {
+        if (is_glue(l)) {
+            radix_node *g = glue_owner(l);
+            if (g->rn_glue_bit >= len) break;
+            l = g->rn_glue_link[bit_at(k, g->rn_glue_bit)];
+        } else {
+            radix_node *e = entry_node(l);
+            if (t.len(e) >= len) break;
+            Link next = e->rn_link[bit_at(k, t.len(e))];
+            if (next == nullptr) break;
+            l = next;
+        }
+    }
+    const radix_node *ref = some_entry(l);
+    const unsigned ref_len = t.len(ref);
+    const unsigned d = first_difference(k, t.key(ref), len < ref_len ? len : ref_len);
+
+    // Walk again to the link where the new entry (or a glue node) goes.
+    Link *at = &head->root;
+    for (;;) {
+        Link x = *at;
+        if (x == nullptr) {
+            *at = n;
+            ++head->count;
+            return 0;
+        }
+        if (is_glue(x)) {
+            radix_node *g = glue_owner(x);
+            if (g->rn_glue_bit >= d) break;
+            at = &g->rn_glue_link[bit_at(k, g->rn_glue_bit)];
+        } else {
+            radix_node *e = entry_node(x);
+            const unsigned el = t.len(e);
+            if (el == d && d == len) return 1;  // same key and length
+            if (el <= d && el < len) {
+                at = &e->rn_link[bit_at(k, el)];
+            } else {
+                break;
+            }
+        }
+    }
+
+    Link x = *at;
+    if (d == len) {
+        // The new entry covers everything below this link.
+        if (is_glue(x) && glue_owner(x)->rn_glue_bit == len) {
+            radix_node *g = glue_owner(x);
+            n->rn_link[0] = g->rn_glue_link[0];
+            n->rn_link[1] = g->rn_glue_link[1];
+            g->rn_glue_link[0] = g->rn_glue_link[1] = nullptr;  // that glue node is retired
+        } else {
+            n->rn_link[bit_at(t.key(some_entry(x)), len)] = x;
+        }
+        *at = n;
+    } else {
+        // The keys part at bit d: the new entry's own glue node branches there.
+        const int side = bit_at(k, d);
+        n->rn_glue_bit = static_cast<std::uint8_t>(d);
+        n->rn_glue_link[side] = n;
+        n->rn_glue_link[1 - side] = x;
+        *at = glue_link_of(n);
+    }
+    ++head->count;
+    return 0;
+}
+
+void *rn_lookup(struct radix_head *head, const uint8_t *key, uint8_t len) {
+    if (head == nullptr || key == nullptr) return nullptr;
+    const Tree t{head};
+    radix_node *best = nullptr;
+    for (Link l = head->root; l != nullptr;) {
+        if (is_glue(l)) {
+            const radix_node *g = glue_owner(l);
+            if (g->rn_glue_bit >= len) break;
+            l = g->rn_glue_link[bit_at(key, g->rn_glue_bit)];
+            continue;
+        }
+        radix_node *e = entry_node(l);
+        const unsigned el = t.len(e);
+        // Everything below extends this entry's key: a mismatch here ends it.
+        if (el > len || !prefix_equal(t.key(e), key, el)) break;
+        best = e;
+        if (el == len) break;
+        l = e->rn_link[bit_at(key, el)];
+    }
+    return best;
+}
+
+void *rn_search(struct radix_head *head, const uint8_t *key, uint8_t len) {
+    radix_node *e = static_cast<radix_node *>(rn_lookup(head, key, len));
+    return e != nullptr && Tree{head}.len(e) == len ? e : nullptr;
+}
+
+void rn_tree_destroy(struct radix_head **head) {
+    if (head == nullptr || *head == nullptr) return;
+    radix_head *h = *head;
+    // Glue nodes live inside entries: collect every entry before any is
+    // released.
+    std::vector<radix_node *> entries;
+    entries.reserve(h->count);
+    std::vector<Link> stack;
+    if (h->root != nullptr) stack.push_back(h->root);
+    while (!stack.empty()) {
+        Link l = stack.back();
+        stack.pop_back();
+        radix_node *n = is_glue(l) ? glue_owner(l) : entry_node(l);
+        void **links = is_glue(l) ? n->rn_glue_link : n->rn_link;
+        if (!is_glue(l)) entries.push_back(n);
+        for (int i = 0; i < 2; ++i)
+            if (links[i] != nullptr) stack.push_back(links[i]);
+    }
+    if (h->destructor != nullptr)
+        for (radix_node *e : entries) h->destructor(e);
+    std::free(h);
+    *head = nullptr;
+}
+
+}  // extern "C"
