@@ -123,18 +123,31 @@ vogno named_match_veri(char **params, char **msg, Check &&check) {
     return st;
 }
 
-// "assign" verifier of the types with a converter of their own.
-template <typename Check>
-vogno named_assign_veri(std::uint32_t count, char **params, char **msg, Check &&check) {
+// The checks a one-constant verifier makes before converting: the count,
+// the vector, a variable.  `store` is the verifier's message policy;
+// `variable` the message for a variable, or null for none.
+using MessageStore = void (*)(char **msg, const char *text);
+inline vogno one_param_checks(std::uint32_t count, char **params, char **msg, MessageStore store,
+                              const char *variable) {
     if (count != 1) {
-        msg_replace(msg, "Requires exactly one parameter");
+        store(msg, "Requires exactly one parameter");
         return KEL_SHARED_ERR_PARAM_COUNT;
     }
     if (params == nullptr) {
-        msg_replace(msg, "NULL parameter vector");
+        store(msg, "NULL parameter vector");
         return KEL_SHARED_ERR_NULL_INPUT;
     }
-    if (params[0] == nullptr) return KEL_SHARED_ERR_NULL_PARAM;
+    if (params[0] == nullptr) {
+        if (variable != nullptr) store(msg, variable);
+        return KEL_SHARED_ERR_NULL_PARAM;
+    }
+    return 0;
+}
+
+// "assign" verifier of the types with a converter of their own.
+template <typename Check>
+vogno named_assign_veri(std::uint32_t count, char **params, char **msg, Check &&check) {
+    if (vogno st = one_param_checks(count, params, msg, msg_replace, nullptr); st != 0) return st;
     vogno st = check(params[0]);
     if (st != 0) refuse_text(msg);
     return st;

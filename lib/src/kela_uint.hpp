@@ -88,18 +88,10 @@ struct Uint {
             msg_if_empty(msg, "Invalid context pointer");
             return KEL_SHARED_ERR_NULL_RESULT;
         }
-        if (count != 1) {
-            msg_if_empty(msg, "Requires exactly one parameter");
-            return KEL_SHARED_ERR_PARAM_COUNT;
-        }
-        if (params == nullptr) {
-            msg_if_empty(msg, "NULL parameter vector");
-            return KEL_SHARED_ERR_NULL_INPUT;
-        }
-        if (params[0] == nullptr) {
-            msg_if_empty(msg, "Cannot handle variables at this time");
-            return KEL_SHARED_ERR_NULL_PARAM;
-        }
+        if (vogno st = one_param_checks(count, params, msg, msg_if_empty,
+                                        "Cannot handle variables at this time");
+            st != 0)
+            return st;
         std::uint32_t v = 0;
         if (vogno st = cvt_decimal(params[0], 1, &v); st != 0) {
             msg_if_empty(msg, "Invalid constructor string - Must be a number");
