@@ -630,6 +630,116 @@ KELA_SHARED_API void shared_kela_decode_pfxs(uint32_t count, char **params,
 /* Releases the decoded specifications and clears the record. */
 KELA_SHARED_API void shared_kela_free_query_ctx(shared_kela_pcl_query_pfx_ctx_t *query);
 
+/* ---- IPv4 address attribute ----------------------------------------------- */
+
+/* An IPv4 address (4 bytes, network order) and its prefix length (1 byte),
+ * each at a byte offset of the client's route record. */
+typedef struct shared_kela_ipv4_desc_td {
+    const char *name;
+    uint64_t addr_offset;
+    uint64_t len_offset;
+} shared_kela_ipv4_desc_td;
+
+/* A parsed "pfxmatch" operand: allocated as one block, freed with free().
+ * Only the leading ceil(len / 8) address bytes are kept. */
+typedef struct shared_kela_pfxmatch_td {
+    void *owner; /* null as parsed; the constructor stores its descriptor here */
+    uint8_t len;
+    uint8_t le;  /* note: le before ge */
+    uint8_t ge;
+    uint8_t addr[];
+} shared_kela_pfxmatch_td;
+
+/* Dotted-quad text to 4 bytes (out may be null: check only). */
+KELA_SHARED_API vogno shared_kela_ipv4_cvt_string(const char *text, void *unused, uint8_t *out);
+/* Address, length, ge and le for family 2 or 10 (else
+ * KEL_SHARED_ERR_BAD_AFI); strict: numbers must be whole and ge <= le <=
+ * maximum, length <= maximum.  With out, a newly allocated record. */
+KELA_SHARED_API vogno shared_kela_pfxmatch_cvt_string(const char *addr_text, const char *len_text,
+                                                      const char *ge_text, const char *le_text,
+                                                      int32_t family, int32_t strict,
+                                                      shared_kela_pfxmatch_td **out);
+/* KEL_SHARED_ERR_HOST_BITS when any of the n bytes has a bit set at or
+ * beyond prefix length len. */
+KELA_SHARED_API vogno shared_kela_ip_check_prefix(const uint8_t *bytes, uint32_t n, uint32_t len);
+KELA_SHARED_API char *shared_kela_ipv4_base_print(void *fw_value, void *route, void *desc);
+/* Outcome 1 when both lengths are equal and the addresses agree on them. */
+KELA_SHARED_API vogno shared_kela_ipv4_base_cmp(void *route_a, void *route_b, void *desc,
+                                                int32_t *outcome);
+/* "pfxmatch" with exactly four constants: address, length, ge, le. */
+KELA_SHARED_API vogno shared_kela_ipv4_cmp_match_veri(uint32_t count, char **params, void *desc,
+                                                      char **msg);
+KELA_SHARED_API vogno shared_kela_ipv4_cmp_match_cons(uint32_t count, char **params,
+                                                      void **slots, void *desc,
+                                                      rasf_inst_t **inst);
+KELA_SHARED_API vogno shared_kela_ipv4_cmp_match_free(void *ctx);
+/* Retriever entry points (not registered): they refuse every use. */
+KELA_SHARED_API vogno shared_kela_ipv4_retr_veri(uint32_t count, char **params, void *desc,
+                                                 char **msg);
+KELA_SHARED_API vogno shared_kela_ipv4_retr_cons(uint32_t count, char **params, void **slots,
+                                                 void *desc, rasf_inst_t **inst);
+KELA_SHARED_API vogno shared_kela_ipv4_base_init_v2(void *reg_ctx, char *errbuf, int32_t errlen,
+                                                    shared_kela_ipv4_desc_td *desc,
+                                                    const char *const *op_locs,
+                                                    const char *const *set_locs,
+                                                    const char *const *retr_locs,
+                                                    const char *const *attr_locs);
+/* base_init_v2 with the default location lists. */
+KELA_SHARED_API vogno shared_kela_ipv4_base_init(void *reg_ctx, char *errbuf, int32_t errlen,
+                                                 shared_kela_ipv4_desc_td *desc);
+
+/* ---- MAC address attribute ------------------------------------------------ */
+
+/* Get-value callback: (the record it was found in, route, value).  The value
+ * is 7 bytes: the 6 address bytes and a length byte (at most 6).  Returns 0,
+ * or 19 when the route has no MAC address. */
+typedef vogno (*shared_kela_mac_get_value_fn)(void *record, void *route, uint8_t *value);
+
+typedef struct shared_kela_mac_address_desc_td {
+    const char *name;
+    shared_kela_mac_get_value_fn get_value;
+} shared_kela_mac_address_desc_td;
+
+/* One entry of a "macaddrmatch" list. */
+typedef struct shared_kela_mac_address_node_td {
+    uint8_t addr[6];
+    uint8_t len;
+    struct shared_kela_mac_address_node_td *next;
+    struct shared_kela_mac_address_node_td *prev;
+} shared_kela_mac_address_node_td;
+
+/* Instance context of "macaddrmatch" (the callback in the second field). */
+typedef struct shared_kela_mac_address_match_ctx_td {
+    shared_kela_mac_address_node_td *first;
+    shared_kela_mac_get_value_fn get_value;
+} shared_kela_mac_address_match_ctx_td;
+
+/* 0-15 for a hexadecimal digit, -1 otherwise. */
+KELA_SHARED_API int HextoInt(char c);
+/* "aabb.ccdd.eeff" to 6 bytes.  Lenient: converting stops at the first
+ * group that is not 4 characters long, a non-digit counts as -1, and at most
+ * three groups (6 bytes) are read.  Only a null text fails. */
+KELA_SHARED_API vogno shared_kela_cvt_string_to_mac_address(const char *text, uint8_t *out);
+/* Up to 6 bytes as "aabb.ccdd.eeff", newly allocated. */
+KELA_SHARED_API char *shared_kela_cvt_mac_address_to_string(const uint8_t *bytes, uint8_t n);
+KELA_SHARED_API char *shared_kela_mac_address_base_print(void *fw_value, void *route, void *desc);
+KELA_SHARED_API vogno shared_kela_mac_address_base_cmp(void *route_a, void *route_b, void *desc,
+                                                       int32_t *outcome);
+/* "macaddrmatch": one address per single-argument segment. */
+KELA_SHARED_API vogno shared_kela_mac_address_cmp_match_veri(uint32_t count, char **params,
+                                                             void *desc, char **msg);
+KELA_SHARED_API vogno shared_kela_mac_address_cmp_match_cons(uint32_t count, char **params,
+                                                             void **slots, void *desc,
+                                                             rasf_inst_t **inst);
+KELA_SHARED_API vogno shared_kela_mac_address_cmp_match_run(void *route, uint32_t count,
+                                                            void **slots, void *ctx,
+                                                            int32_t *outcome);
+KELA_SHARED_API vogno shared_kela_mac_address_cmp_match_free(void *ctx);
+KELA_SHARED_API vogno shared_kela_mac_address_base_init(
+    void *reg_ctx, char *errbuf, int32_t errlen, shared_kela_mac_address_desc_td *desc,
+    const char *const *op_locs, const char *const *set_locs, const char *const *retr_locs,
+    const char *const *attr_locs);
+
 #ifdef __cplusplus
 }
 #endif

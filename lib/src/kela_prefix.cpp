@@ -11,6 +11,10 @@
 
 namespace kela::prefix {
 
+bool parse_address(std::uint8_t family, const char *text, std::uint8_t *out) {
+    return qv_inet_pton(family == kV6 ? QV_AF_INET6 : QV_AF_INET, text, out) == 1;
+}
+
 void assertion(const char *prototype) {
     std::fprintf(stderr, "kela_prefix: assertion failed in %s\n", prototype);
     std::abort();
@@ -57,8 +61,7 @@ KELA_SHARED_API vogno shared_kela_prefix_cvt_string_to_ipaddr(const char *text, 
     if (text == nullptr || out == nullptr) return KEL_SHARED_ERR_NULL_INPUT;
     std::memset(out, 0, sizeof *out);
     const bool v6 = std::strchr(text, ':') != nullptr;
-    if (qv_inet_pton(v6 ? QV_AF_INET6 : QV_AF_INET, text, out->addr) != 1)
-        return KEL_SHARED_ERR_BAD_VALUE;
+    if (!parse_address(v6 ? kV6 : kV4, text, out->addr)) return KEL_SHARED_ERR_BAD_VALUE;
     out->family = v6 ? kV6 : kV4;
     out->length = v6 ? 16 : 4;
     if (maxlen != nullptr) *maxlen = v6 ? 128 : 32;

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 
 #include "kela_internal.hpp"
@@ -41,6 +42,21 @@ inline SpecPtr alloc_spec(std::uint8_t family) {
         offsetof(shared_kela_prefix_matchspec_td, addr) + shared_kela_prefix_key_bytes(family);
     return SpecPtr(static_cast<shared_kela_prefix_matchspec_td *>(std::calloc(1, bytes)));
 }
+
+// The first n bits of a byte (n = 0 to 7; 0 selects nothing).
+inline std::uint8_t partial_byte_mask(unsigned n) {
+    return static_cast<std::uint8_t>(0xFF00u >> n);
+}
+
+// Whether two byte strings agree on their first n bits.
+inline bool leading_bits_equal(const std::uint8_t *a, const std::uint8_t *b, unsigned n) {
+    const unsigned full = n / 8;
+    if (std::memcmp(a, b, full) != 0) return false;
+    return n % 8 == 0 || ((a[full] ^ b[full]) & partial_byte_mask(n % 8)) == 0;
+}
+
+// Parses an address of the family (2: 4 bytes, 10: 16 bytes) into out.
+bool parse_address(std::uint8_t family, const char *text, std::uint8_t *out);
 
 // Frees a value's address when the getter allocated it for this call.
 inline void release_value(shared_kela_prefix_addr_td &v) {

@@ -98,7 +98,7 @@ void compute_key(Info *info, const shared_kela_prefix_matchspec_td *spec) {
     std::memcpy(info->key, spec->addr, bytes);
     const std::size_t full = keylen / 8;
     if (full < bytes) {
-        info->key[full] &= static_cast<std::uint8_t>(0xFF00u >> (keylen % 8));
+        info->key[full] &= partial_byte_mask(keylen % 8);
         std::memset(info->key + full + 1, 0, bytes - full - 1);
     }
 }

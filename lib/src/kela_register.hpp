@@ -27,11 +27,11 @@ struct ArgSpec {
 };
 
 // An argument-type list: the number of its rasf_args_new message and up to
-// three entries.
+// four entries.
 struct ArgList {
     int new_number = 0;
     std::uint8_t count = 0;
-    ArgSpec entries[3] = {};
+    ArgSpec entries[4] = {};
 };
 
 constexpr ArgList no_args(int new_number) {
