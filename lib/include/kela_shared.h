@@ -27,6 +27,7 @@
 #include <stdint.h>
 
 #include "ip_addr.h"
+#include "ip_rib.h"
 #include "rasf.h"
 #include "vup_msg.h"
 
@@ -739,6 +740,102 @@ KELA_SHARED_API vogno shared_kela_mac_address_base_init(
     void *reg_ctx, char *errbuf, int32_t errlen, shared_kela_mac_address_desc_td *desc,
     const char *const *op_locs, const char *const *set_locs, const char *const *retr_locs,
     const char *const *attr_locs);
+
+/* ---- rib-has-route attribute ("in", "async") ----------------------------- */
+
+/* The route record to the routing-table connection and table to ask. */
+typedef vogno (*shared_kela_rhr_get_value_fn)(void *route, ip_rib_conn_p *conn,
+                                              rib_tableid_td *table);
+
+/* The attribute is always named "rib-has-route"; `name` is not read. */
+typedef struct shared_kela_rhr_desc_td {
+    const char *name;
+    shared_kela_rhr_get_value_fn get_value;
+} shared_kela_rhr_desc_td;
+
+/* Instance context of "in". */
+typedef struct shared_kela_rhr_match_ctx_td {
+    shared_kela_rhr_get_value_fn get_value;
+    int32_t count;
+    shared_kela_prefix_matchspec_td **specs;
+} shared_kela_rhr_match_ctx_td;
+
+/* Instance context of "async".  Once the asynchronous client holds its
+ * address (`handed` set) it outlives the instance. */
+typedef struct shared_kela_rhr_async_ctx_td {
+    void *info_list; /* the request tree this instance uses */
+    uint32_t handed;
+} shared_kela_rhr_async_ctx_td;
+
+/* Head of the request tree (evaluation key -> request identifier cell). */
+KELA_SHARED_API extern void *kela_eecompi_rhr_info_list;
+
+/* Registers "rib-has-route" with "in" (at the first operator location only)
+ * and "async" (at every operator location); base functions without
+ * descriptor; no setter, no retriever. */
+KELA_SHARED_API vogno shared_kela_rhr_base_init(void *reg_ctx, char *errbuf, int32_t errlen,
+                                                shared_kela_rhr_desc_td *desc,
+                                                const char *const *op_locs,
+                                                const char *const *set_locs,
+                                                const char *const *retr_locs,
+                                                const char *const *attr_locs);
+/* As shared_kela_prefix_cvt_string_to_pfx. */
+KELA_SHARED_API vogno shared_kela_rhr_cvt_string_to_pfx(const char *addr_text,
+                                                        const char *len_text,
+                                                        const char *ge_text,
+                                                        const char *le_text, ip_addr_t *addr,
+                                                        uint32_t *len, uint32_t *ge,
+                                                        uint32_t *le, uint32_t check);
+/* Whether the table holds the entry's route (or, for ge < le, any route
+ * under it with a length from ge to le).  0xA2D28400 when the connection
+ * serves another family. */
+KELA_SHARED_API vogno shared_kela_rhr_match(ip_rib_conn_p conn, rib_tableid_td table,
+                                            shared_kela_prefix_matchspec_td *spec, int *found,
+                                            ip_rib_route2 **route);
+KELA_SHARED_API vogno shared_kela_rhr_cmp_match_veri(uint32_t count, char **params, void *desc,
+                                                     char **msg);
+KELA_SHARED_API vogno shared_kela_rhr_cmp_match_cons(uint32_t count, char **params,
+                                                     void **slots, void *desc,
+                                                     rasf_inst_t **inst);
+KELA_SHARED_API vogno shared_kela_rhr_cmp_match_free(void *ctx);
+KELA_SHARED_API vogno shared_kela_rhr_cmp_async_veri(uint32_t count, char **params, void *desc,
+                                                     char **msg);
+KELA_SHARED_API vogno shared_kela_rhr_cmp_async_cons(uint32_t count, char **params,
+                                                     void **slots, void *desc,
+                                                     rasf_inst_t **inst);
+KELA_SHARED_API vogno shared_kela_rhr_cmp_async_free(void *ctx);
+KELA_SHARED_API vogno shared_kela_rhr_retr_veri(uint32_t count, char **params, void *desc,
+                                                char **msg);
+KELA_SHARED_API vogno shared_kela_rhr_retr_cons(uint32_t count, char **params, void **slots,
+                                                void *desc, rasf_inst_t **inst);
+/* Given to the asynchronous client with every request: forwards to
+ * pcli_rhr_async_client_callback(a2, a2, a3, a4, a5, a6). */
+KELA_SHARED_API vogno kela_rib_callback(void *a1, void *a2, void *a3, void *a4, void *a5,
+                                        void *a6);
+
+/* ---- track attribute ("is") ------------------------------------------------ */
+
+/* Instance context of "is". */
+typedef struct shared_kela_track_ctx_td {
+    char *name;    /* private copy, set by the update function */
+    uint8_t state; /* wanted state: 1 up, 2 down, 0 not set */
+} shared_kela_track_ctx_td;
+
+/* Registers "track" with "is" (three strings: unused, name, "up"|"down"). */
+KELA_SHARED_API vogno shared_kela_track_base_init(void *reg_ctx, char *errbuf, int32_t errlen,
+                                                  void *desc, const char *const *op_locs,
+                                                  const char *const *set_locs,
+                                                  const char *const *retr_locs,
+                                                  const char *const *attr_locs);
+KELA_SHARED_API vogno shared_kela_track_cmp_veri(uint32_t count, char **params, void *desc,
+                                                 char **msg);
+KELA_SHARED_API vogno shared_kela_track_cmp_cons(uint32_t count, char **params, void **slots,
+                                                 void *desc, rasf_inst_t **inst);
+KELA_SHARED_API vogno shared_kela_track_cmp_free(void *ctx);
+/* Given to the asynchronous client: forwards all its arguments to
+ * pcli_async_object_track_callback. */
+KELA_SHARED_API vogno kela_async_object_track_callback(const char *name, uint32_t state,
+                                                       void *cookie);
 
 #ifdef __cplusplus
 }

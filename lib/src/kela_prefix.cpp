@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "ipv4_range.h"
 #include "kela_uint.hpp"
@@ -13,6 +14,34 @@ namespace kela::prefix {
 
 bool parse_address(std::uint8_t family, const char *text, std::uint8_t *out) {
     return qv_inet_pton(family == kV6 ? QV_AF_INET6 : QV_AF_INET, text, out) == 1;
+}
+
+char *print_first_entry(std::uint32_t count, char **params, const char *print_ctx, bool mask_form) {
+    auto at = [&](std::uint32_t i) -> const char * {
+        return i < count && params[i] != nullptr ? params[i] : "";
+    };
+    // The first segment's header is params[0]; its four texts follow.
+    const char *a = at(1), *l = at(2), *g = at(3), *e = at(4);
+    // Address/mask entries carry a mask where the length goes; their bounds
+    // are not shown.
+    const bool bounds = !mask_form || (std::strlen(l) & 0xFF) < 4;
+    const char *max = std::strchr(a, ':') != nullptr ? "128" : "32";
+    auto same = [](const char *x, const char *y) { return std::strcmp(x, y) == 0; };
+    std::string entry = std::string(a) + "/" + l;
+    if (bounds) {
+        if (!same(g, l) && !same(g, e)) entry += std::string(" ge ") + g;
+        if (!same(e, max) && !same(g, e)) entry += std::string(" le ") + e;
+        if (same(g, e) && !(same(e, max) && same(g, l))) entry += std::string(" eq ") + e;
+    }
+    entry += " ...)";
+    std::string text;
+    for (const char *c = print_ctx != nullptr ? print_ctx : "%"; *c != '\0'; ++c) {
+        if (*c == '%')
+            text += entry;
+        else
+            text += *c;
+    }
+    return strdup(text.c_str());
 }
 
 void assertion(const char *prototype) {

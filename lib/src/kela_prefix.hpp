@@ -58,6 +58,12 @@ inline bool leading_bits_equal(const std::uint8_t *a, const std::uint8_t *b, uns
 // Parses an address of the family (2: 4 bytes, 10: 16 bytes) into out.
 bool parse_address(std::uint8_t family, const char *text, std::uint8_t *out);
 
+// The instance print of the prefix-set operators: the print context with
+// each '%' replaced by "A/L[ ge G][ le E][ eq E] ...)" of the vector's first
+// (address, length, ge, le) entry; `mask_form` hides the bounds of an
+// address/mask entry.  Newly allocated; null when that fails.
+char *print_first_entry(std::uint32_t count, char **params, const char *print_ctx, bool mask_form);
+
 // Frees a value's address when the getter allocated it for this call.
 inline void release_value(shared_kela_prefix_addr_td &v) {
     if (v.free_addr != 0 && v.addr != nullptr) std::free(v.addr);

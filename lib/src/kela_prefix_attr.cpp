@@ -23,33 +23,9 @@ using Desc = shared_kela_prefix_desc_td;
 vogno construct_set(std::uint32_t count, char **params, void **slots, void *desc, rasf_inst_t **out,
                     shared_kela_prefix_cmp_td kind);
 
-// Renders the first entry of the parameter vector into the print context.
 char *set_print(std::uint32_t, std::uint32_t count, char **params, void **, const char *print_ctx) {
     if (count == 0) return strdup("");
-    auto at = [&](std::uint32_t i) -> const char * {
-        return i < count && params[i] != nullptr ? params[i] : "";
-    };
-    const char *p1 = at(1), *p2 = at(2), *p3 = at(3), *p4 = at(4);
-    // Address/mask entries carry a mask where the length goes; their bounds
-    // are not shown.
-    const bool bounds = (std::strlen(p2) & 0xFF) < 4;
-    const char *max = std::strchr(p1, ':') != nullptr ? "128" : "32";
-    auto same = [](const char *a, const char *b) { return std::strcmp(a, b) == 0; };
-    std::string entry = std::string(p1) + "/" + p2;
-    if (bounds) {
-        if (!same(p3, p2) && !same(p3, p4)) entry += std::string(" ge ") + p3;
-        if (!same(p4, max) && !same(p3, p4)) entry += std::string(" le ") + p4;
-        if (same(p3, p4) && !(same(p4, max) && same(p3, p2))) entry += std::string(" eq ") + p4;
-    }
-    entry += " ...)";
-    std::string text;
-    for (const char *c = print_ctx != nullptr ? print_ctx : "%"; *c != '\0'; ++c) {
-        if (*c == '%')
-            text += entry;
-        else
-            text += *c;
-    }
-    return strdup(text.c_str());
+    return print_first_entry(count, params, print_ctx, true);
 }
 
 vogno construct_set(std::uint32_t count, char **params, void **slots, void *desc, rasf_inst_t **out,

@@ -77,23 +77,24 @@ rasf_args_t *Registration::build_args(const ArgList &list) {
     }
     for (std::size_t i = 0; i < list.count; ++i) {
         const ArgSpec &a = list.entries[i];
+        const char *version = a.version != nullptr ? a.version : kVersion;
         switch (a.kind) {
             case ArgKind::Single:
-                st = rasf_args_single_add(args, a.type, kVersion);
+                st = rasf_args_single_add(args, a.type, version);
                 if (st != 0)
-                    fail(st, "rasf_args_single_add: %s:%s at %s@%d", a.type, kVersion, file_,
+                    fail(st, "rasf_args_single_add: %s:%s at %s@%d", a.type, version, file_,
                          a.number);
                 break;
             case ArgKind::Infinite:
-                st = rasf_args_infinite_add(args, a.type, kVersion, a.lower);
+                st = rasf_args_infinite_add(args, a.type, version, a.lower);
                 if (st != 0)
-                    fail(st, "rasf_args_infinite_add: %s:%s (%d ) at %s@%d", a.type, kVersion,
+                    fail(st, "rasf_args_infinite_add: %s:%s (%d ) at %s@%d", a.type, version,
                          a.lower, file_, a.number);
                 break;
             case ArgKind::Run:
-                st = rasf_args_n_add(args, a.type, kVersion, a.lower, a.upper);
+                st = rasf_args_n_add(args, a.type, version, a.lower, a.upper);
                 if (st != 0)
-                    fail(st, "rasf_args_n_add: %s:%s (%d,%d) at %s@%d", a.type, kVersion, a.lower,
+                    fail(st, "rasf_args_n_add: %s:%s (%d,%d) at %s@%d", a.type, version, a.lower,
                          a.upper, file_, a.number);
                 break;
         }

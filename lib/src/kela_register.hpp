@@ -23,7 +23,8 @@ struct ArgSpec {
     const char *type = nullptr;
     std::int32_t lower = 0;
     std::int32_t upper = 0;
-    int number = 0;  // identifies this call in its failure message
+    int number = 0;                 // identifies this call in its failure message
+    const char *version = nullptr;  // null: "1.0"
 };
 
 // An argument-type list: the number of its rasf_args_new message and up to
