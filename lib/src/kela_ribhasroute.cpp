@@ -50,7 +50,8 @@ vogno verify_entries(std::uint32_t count, char **params, char **msg, Shape &&sha
         [&](char **a) -> vogno {
             ip_addr_t addr;
             std::uint32_t len = 0, ge = 0, le = 0;
-            if (vogno c = shared_kela_rhr_cvt_string_to_pfx(a[0], a[1], a[2], a[3], &addr, &len, &ge, &le, 1);
+            if (vogno c = shared_kela_rhr_cvt_string_to_pfx(a[0], a[1], a[2], a[3], &addr, &len,
+                                                            &ge, &le, 1);
                 c != 0) {
                 refusal = "Invalid prefix match parameters.";
                 return c;
@@ -76,14 +77,17 @@ vogno cons_checks(std::uint32_t count, void **slots, void *desc) {
 
 // ---- "in" ------------------------------------------------------------------------------
 
-vogno match_update(void *, void *, std::uint32_t, char **) { return 0; }
+vogno match_update(void *, void *, std::uint32_t, char **) {
+    return 0;
+}
 
 vogno match_run(void *route, std::uint32_t count, void **, void *context, std::int32_t *outcome) {
     if (outcome != nullptr) *outcome = 0;
     if (route == nullptr) return KEL_SHARED_ERR_NO_PARAM_ARRAY;
     if (count == 0) return 0;
     auto *ctx = static_cast<MatchCtx *>(context);
-    if (ctx == nullptr || outcome == nullptr || ctx->get_value == nullptr) return KEL_SHARED_ERR_NO_PARAM_ARRAY;
+    if (ctx == nullptr || outcome == nullptr || ctx->get_value == nullptr)
+        return KEL_SHARED_ERR_NO_PARAM_ARRAY;
     ip_rib_conn_p conn = nullptr;
     rib_tableid_td table = 0;
     if (vogno st = ctx->get_value(route, &conn, &table); st != 0) return st;
@@ -115,7 +119,8 @@ vogno build_specs(std::uint32_t count, char **params, MatchCtx *ctx) {
         4,
         [&](char **a) -> vogno {
             shared_kela_prefix_matchspec_td *raw = nullptr;
-            if (shared_kela_prefix_cvt_string_to_matchspec(a[0], a[1], a[2], a[3], &raw) != 0) return 4;
+            if (shared_kela_prefix_cvt_string_to_matchspec(a[0], a[1], a[2], a[3], &raw) != 0)
+                return 4;
             SpecPtr spec(raw);
             if (spec->len != spec->ge) return 4;
             auto **grown = static_cast<shared_kela_prefix_matchspec_td **>(
@@ -135,8 +140,12 @@ vogno info_alloc(void **out, std::uint32_t size) {
     *out = std::malloc(size);
     return *out != nullptr ? 0 : KEL_SHARED_FOREIGN_BTREE_NO_MEMORY;
 }
-void info_free(void *p) { std::free(p); }
-vogno info_insert(void *tree, std::uint64_t key, void *value) { return btree_s_insert(tree, key, value, 0); }
+void info_free(void *p) {
+    std::free(p);
+}
+vogno info_insert(void *tree, std::uint64_t key, void *value) {
+    return btree_s_insert(tree, key, value, 0);
+}
 
 // Fields of the evaluation record the request copies.
 struct EvalFields {
@@ -164,8 +173,10 @@ vogno async_update(void *rec, void *context, std::uint32_t count, char **params)
         const char *a = params[5 * i + 1];
         (a != nullptr && std::strchr(a, ':') != nullptr ? n6 : n4) += 1;
     }
-    kela::CPtr<pcl_rhr_v4_entry> v4(static_cast<pcl_rhr_v4_entry *>(std::calloc(n4 ? n4 : 1, sizeof(pcl_rhr_v4_entry))));
-    kela::CPtr<pcl_rhr_v6_entry> v6(static_cast<pcl_rhr_v6_entry *>(std::calloc(n6 ? n6 : 1, sizeof(pcl_rhr_v6_entry))));
+    kela::CPtr<pcl_rhr_v4_entry> v4(
+        static_cast<pcl_rhr_v4_entry *>(std::calloc(n4 ? n4 : 1, sizeof(pcl_rhr_v4_entry))));
+    kela::CPtr<pcl_rhr_v6_entry> v6(
+        static_cast<pcl_rhr_v6_entry *>(std::calloc(n6 ? n6 : 1, sizeof(pcl_rhr_v6_entry))));
     if (!v4 || !v6) return KEL_SHARED_ERR_NO_MEMORY;
     std::uint32_t i4 = 0, i6 = 0;
     for (std::uint32_t i = 0; i < entries; ++i) {
@@ -191,7 +202,8 @@ vogno async_update(void *rec, void *context, std::uint32_t count, char **params)
     req.key = ev.key;
     std::uint32_t id = 0;
     const vogno st = pcl_async_rib_has_route_register(&req, &id, kela_rib_callback);
-    kela::CPtr<std::uint32_t> cell(st == 0 ? static_cast<std::uint32_t *>(std::malloc(sizeof(std::uint32_t))) : nullptr);
+    kela::CPtr<std::uint32_t> cell(
+        st == 0 ? static_cast<std::uint32_t *>(std::malloc(sizeof(std::uint32_t))) : nullptr);
     if (cell) *cell = id;
     if (ctx->info_list != nullptr && ev.key != 0 && id != 0 && cell) {
         if (vogno ins = info_insert(ctx->info_list, ev.key, cell.get()); ins != 0) return ins;
@@ -220,7 +232,9 @@ vogno refuse_retrieve(void *, void *, void *, std::uint32_t *, void *) {
     return KEL_SHARED_ERR_PARAMS_NOT_ALLOWED;
 }
 
-char *base_print(void *, void *route, void *) { return strdup(route != nullptr ? "<<rib-has-route>>" : "<<no prefix>>"); }
+char *base_print(void *, void *route, void *) {
+    return strdup(route != nullptr ? "<<rib-has-route>>" : "<<no prefix>>");
+}
 
 vogno base_cmp(void *a, void *b, void *, std::int32_t *outcome) {
     if (a == nullptr || b == nullptr || outcome == nullptr) return KEL_SHARED_ERR_NO_PARAM_ARRAY;
@@ -229,20 +243,22 @@ vogno base_cmp(void *a, void *b, void *, std::int32_t *outcome) {
 }
 
 constexpr kela::OpSpec kOps[] = {
-    {"in", shared_kela_rhr_cmp_match_veri, shared_kela_rhr_cmp_match_cons, shared_kela_rhr_cmp_match_free,
-     kela::open_run("uint32_t", 1506, 1507), true},
-    {"async", shared_kela_rhr_cmp_async_veri, shared_kela_rhr_cmp_async_cons, shared_kela_rhr_cmp_async_free,
-     kela::open_run("uint32_t", 1521, 1522)},
+    {"in", shared_kela_rhr_cmp_match_veri, shared_kela_rhr_cmp_match_cons,
+     shared_kela_rhr_cmp_match_free, kela::open_run("uint32_t", 1506, 1507), true},
+    {"async", shared_kela_rhr_cmp_async_veri, shared_kela_rhr_cmp_async_cons,
+     shared_kela_rhr_cmp_async_free, kela::open_run("uint32_t", 1521, 1522)},
 };
-constexpr kela::TypeSpec kSpec{"kela_ribhasroute", nullptr, base_print, base_cmp, kOps, nullptr, nullptr,
-                               "rib-has-route", true};
+constexpr kela::TypeSpec kSpec{
+    "kela_ribhasroute", nullptr, base_print, base_cmp, kOps, nullptr, nullptr,
+    "rib-has-route",    true};
 
 }  // namespace
 
 extern "C" {
 
-KELA_SHARED_API vogno shared_kela_rhr_base_init(void *reg_ctx, char *errbuf, int32_t errlen, Desc *desc,
-                                                const char *const *op_locs, const char *const *set_locs,
+KELA_SHARED_API vogno shared_kela_rhr_base_init(void *reg_ctx, char *errbuf, int32_t errlen,
+                                                Desc *desc, const char *const *op_locs,
+                                                const char *const *set_locs,
                                                 const char *const *retr_locs,
                                                 const char *const *attr_locs) {
     // "in" lives at the first operator location: without one it could be
@@ -250,18 +266,21 @@ KELA_SHARED_API vogno shared_kela_rhr_base_init(void *reg_ctx, char *errbuf, int
     if (op_locs == nullptr || op_locs[0] == nullptr) {
         kela_shared_init_if_needed();
         if (errbuf != nullptr && errlen > 0)
-            std::snprintf(errbuf, static_cast<std::size_t>(errlen), "rib-has-route: \"in\" needs an operator location");
+            std::snprintf(errbuf, static_cast<std::size_t>(errlen),
+                          "rib-has-route: \"in\" needs an operator location");
         return KEL_SHARED_ERR_NO_LOCATIONS;
     }
-    return kela::register_type(kSpec, reg_ctx, errbuf, errlen, desc, {op_locs, set_locs, retr_locs, attr_locs});
+    return kela::register_type(kSpec, reg_ctx, errbuf, errlen, desc,
+                               {op_locs, set_locs, retr_locs, attr_locs});
 }
 
 KELA_SHARED_API vogno shared_kela_rhr_cvt_string_to_pfx(const char *addr_text, const char *len_text,
                                                         const char *ge_text, const char *le_text,
-                                                        ip_addr_t *addr, uint32_t *len, uint32_t *ge,
-                                                        uint32_t *le, uint32_t check) {
-    return shared_kela_prefix_cvt_string_to_pfx(addr_text, len_text, ge_text, le_text, addr, len, ge, le,
-                                                static_cast<int>(check));
+                                                        ip_addr_t *addr, uint32_t *len,
+                                                        uint32_t *ge, uint32_t *le,
+                                                        uint32_t check) {
+    return shared_kela_prefix_cvt_string_to_pfx(addr_text, len_text, ge_text, le_text, addr, len,
+                                                ge, le, static_cast<int>(check));
 }
 
 KELA_SHARED_API vogno shared_kela_rhr_match(ip_rib_conn_p conn, rib_tableid_td table,
@@ -269,21 +288,25 @@ KELA_SHARED_API vogno shared_kela_rhr_match(ip_rib_conn_p conn, rib_tableid_td t
                                             ip_rib_route2 **route) {
     *found = 0;
     if (!known_family(spec->family))
-        assertion("vogno shared_kela_rhr_match(ip_rib_conn_p, rib_tableid_td, "
-                  "shared_kela_prefix_matchspec_td *, int *, ip_rib_route2 **)");
+        assertion(
+            "vogno shared_kela_rhr_match(ip_rib_conn_p, rib_tableid_td, "
+            "shared_kela_prefix_matchspec_td *, int *, ip_rib_route2 **)");
     const std::uint8_t bytes = shared_kela_prefix_key_bytes(spec->family);
     bool zero = true;
     for (std::uint8_t i = 0; i < bytes; ++i) zero = zero && spec->addr[i] == 0;
     const int kind = zero ? IP_RIB_LOOKUP_DEFAULT : IP_RIB_LOOKUP_EXACT;
     const int afi = spec->family == kV4 ? IP_RIB_AFI_IPV4 : IP_RIB_AFI_IPV6;
     if (ip_rib_client_get_afi(conn) != afi) return KEL_SHARED_FOREIGN_RIB_AFI_MISMATCH;
-    if (vogno st = ip_rib_route_lookup2(conn, table, spec->addr, spec->ge, kind, 0, route, found); st != 0)
+    if (vogno st = ip_rib_route_lookup2(conn, table, spec->addr, spec->ge, kind, 0, route, found);
+        st != 0)
         return st;
     if (*found != 0 || spec->ge == spec->le) return 0;
-    return ip_rib_route_lookup_longer_range2(conn, table, spec->addr, spec->ge, spec->le, route, found);
+    return ip_rib_route_lookup_longer_range2(conn, table, spec->addr, spec->ge, spec->le, route,
+                                             found);
 }
 
-KELA_SHARED_API vogno shared_kela_rhr_cmp_match_veri(uint32_t count, char **params, void *, char **msg) {
+KELA_SHARED_API vogno shared_kela_rhr_cmp_match_veri(uint32_t count, char **params, void *,
+                                                     char **msg) {
     if (count == 0) {
         kela::msg_replace(msg, "Internal error:  no parameters");
         return KEL_SHARED_ERR_NULL_INPUT;
@@ -292,15 +315,17 @@ KELA_SHARED_API vogno shared_kela_rhr_cmp_match_veri(uint32_t count, char **para
         kela::msg_replace(msg, "Internal error:  no parameter array");
         return KEL_SHARED_ERR_NULL_INPUT;
     }
-    return verify_entries(count, params, msg, [](std::uint32_t len, std::uint32_t ge, std::uint32_t, const char **why) -> vogno {
-        if (len == ge) return 0;
-        *why = "The rib-has-route operator does not support gaps in prefix ranges.";
-        return 3;
-    });
+    return verify_entries(
+        count, params, msg,
+        [](std::uint32_t len, std::uint32_t ge, std::uint32_t, const char **why) -> vogno {
+            if (len == ge) return 0;
+            *why = "The rib-has-route operator does not support gaps in prefix ranges.";
+            return 3;
+        });
 }
 
-KELA_SHARED_API vogno shared_kela_rhr_cmp_match_cons(uint32_t count, char **params, void **slots, void *desc,
-                                                     rasf_inst_t **out) {
+KELA_SHARED_API vogno shared_kela_rhr_cmp_match_cons(uint32_t count, char **params, void **slots,
+                                                     void *desc, rasf_inst_t **out) {
     if (vogno st = cons_checks(count, slots, desc); st != 0) return st;
     std::unique_ptr<MatchCtx, void (*)(MatchCtx *)> ctx(nullptr, free_match_ctx);
     if (count != 0) {
@@ -324,7 +349,8 @@ KELA_SHARED_API vogno shared_kela_rhr_cmp_match_free(void *ctx) {
     return 0;
 }
 
-KELA_SHARED_API vogno shared_kela_rhr_cmp_async_veri(uint32_t count, char **params, void *, char **msg) {
+KELA_SHARED_API vogno shared_kela_rhr_cmp_async_veri(uint32_t count, char **params, void *,
+                                                     char **msg) {
     if (count == 0) {
         kela::msg_replace(msg, "Internal error:  no parameters");
         return KEL_SHARED_ERR_NULL_INPUT;
@@ -334,24 +360,27 @@ KELA_SHARED_API vogno shared_kela_rhr_cmp_async_veri(uint32_t count, char **para
         return KEL_SHARED_ERR_NULL_INPUT;
     }
     if (count > 5 * kMaxAsyncEntries) {
-        kela::msg_replace(msg, "Internal error: RHR async supports maximum of 16 entries in prefix-set");
+        kela::msg_replace(msg,
+                          "Internal error: RHR async supports maximum of 16 entries in prefix-set");
         return 3;
     }
-    return verify_entries(count, params, msg, [](std::uint32_t len, std::uint32_t ge, std::uint32_t le, const char **why) -> vogno {
-        if (ge != le) {
-            *why = "The rib-has-route async operator does not support prefix ranges.";
-            return 3;
-        }
-        if (len != ge) {
-            *why = "The rib-has-route operator does not support gaps in prefix ranges.";
-            return 3;
-        }
-        return 0;
-    });
+    return verify_entries(
+        count, params, msg,
+        [](std::uint32_t len, std::uint32_t ge, std::uint32_t le, const char **why) -> vogno {
+            if (ge != le) {
+                *why = "The rib-has-route async operator does not support prefix ranges.";
+                return 3;
+            }
+            if (len != ge) {
+                *why = "The rib-has-route operator does not support gaps in prefix ranges.";
+                return 3;
+            }
+            return 0;
+        });
 }
 
-KELA_SHARED_API vogno shared_kela_rhr_cmp_async_cons(uint32_t count, char **params, void **slots, void *desc,
-                                                     rasf_inst_t **out) {
+KELA_SHARED_API vogno shared_kela_rhr_cmp_async_cons(uint32_t count, char **params, void **slots,
+                                                     void *desc, rasf_inst_t **out) {
     if (vogno st = cons_checks(count, slots, desc); st != 0) return st;
     kela::CPtr<AsyncCtx> ctx;
     if (count != 0) {

@@ -56,12 +56,15 @@ vogno run(void *, std::uint32_t, void **, void *context, std::int32_t *outcome) 
 
 char *print(std::uint32_t, std::uint32_t count, char **params, void **, const char *) {
     char *text = static_cast<char *>(std::calloc(1, 128));
-    if (text != nullptr && count == 3 && params != nullptr && params[1] != nullptr && params[2] != nullptr)
+    if (text != nullptr && count == 3 && params != nullptr && params[1] != nullptr &&
+        params[2] != nullptr)
         std::snprintf(text, 128, "<<%s is %s>>", params[1], params[2]);
     return text;
 }
 
-char *base_print(void *, void *route, void *) { return strdup(route != nullptr ? "<<track-id>>" : "<<no track>>"); }
+char *base_print(void *, void *route, void *) {
+    return strdup(route != nullptr ? "<<track-id>>" : "<<no track>>");
+}
 
 vogno base_cmp(void *a, void *b, void *, std::int32_t *outcome) {
     if (a == nullptr || b == nullptr || outcome == nullptr) return KEL_SHARED_ERR_NO_PARAM_ARRAY;
@@ -73,34 +76,42 @@ constexpr kela::OpSpec kOps[] = {
     {"is", shared_kela_track_cmp_veri, shared_kela_track_cmp_cons, shared_kela_track_cmp_free,
      kela::ArgList{316, 1, {{kela::ArgKind::Run, "", 1, 3, 317, ""}}}},
 };
-constexpr kela::TypeSpec kSpec{"kela_track", nullptr, base_print, base_cmp, kOps, nullptr, nullptr, "track", true};
+constexpr kela::TypeSpec kSpec{"kela_track", nullptr, base_print, base_cmp, kOps,
+                               nullptr,      nullptr, "track",    true};
 
 }  // namespace
 
 extern "C" {
 
-KELA_SHARED_API vogno shared_kela_track_base_init(void *reg_ctx, char *errbuf, int32_t errlen, void *desc,
-                                                  const char *const *op_locs, const char *const *set_locs,
-                                                  const char *const *retr_locs, const char *const *attr_locs) {
-    return kela::register_type(kSpec, reg_ctx, errbuf, errlen, desc, {op_locs, set_locs, retr_locs, attr_locs});
+KELA_SHARED_API vogno shared_kela_track_base_init(void *reg_ctx, char *errbuf, int32_t errlen,
+                                                  void *desc, const char *const *op_locs,
+                                                  const char *const *set_locs,
+                                                  const char *const *retr_locs,
+                                                  const char *const *attr_locs) {
+    return kela::register_type(kSpec, reg_ctx, errbuf, errlen, desc,
+                               {op_locs, set_locs, retr_locs, attr_locs});
 }
 
-KELA_SHARED_API vogno shared_kela_track_cmp_veri(uint32_t count, char **params, void *, char **msg) {
+KELA_SHARED_API vogno shared_kela_track_cmp_veri(uint32_t count, char **params, void *,
+                                                 char **msg) {
     auto refuse = [&](vogno st, const char *text) {
         kela::msg_replace(msg, text);
         return st;
     };
     if (count == 0) return refuse(KEL_SHARED_ERR_NULL_INPUT, "Internal error:  no parameters");
-    if (count != 3 || params == nullptr || params[0] == nullptr || params[1] == nullptr || params[2] == nullptr)
+    if (count != 3 || params == nullptr || params[0] == nullptr || params[1] == nullptr ||
+        params[2] == nullptr)
         return refuse(KEL_SHARED_ERR_BAD_VALUE, "malformed track parameters");
     if (std::strlen(params[1]) > kMaxName)
-        return refuse(KEL_SHARED_ERR_BAD_VALUE, "length of track name should be equal or less than 32");
-    if (state_of(params[2]) == 0) return refuse(KEL_SHARED_ERR_BAD_VALUE, "Internal error:  wrong track status parameter");
+        return refuse(KEL_SHARED_ERR_BAD_VALUE,
+                      "length of track name should be equal or less than 32");
+    if (state_of(params[2]) == 0)
+        return refuse(KEL_SHARED_ERR_BAD_VALUE, "Internal error:  wrong track status parameter");
     return 0;
 }
 
-KELA_SHARED_API vogno shared_kela_track_cmp_cons(uint32_t count, char **params, void **slots, void *desc,
-                                                 rasf_inst_t **out) {
+KELA_SHARED_API vogno shared_kela_track_cmp_cons(uint32_t count, char **params, void **slots,
+                                                 void *desc, rasf_inst_t **out) {
     if (desc == nullptr) return KEL_SHARED_ERR_NO_PARAM_ARRAY;
     if (count != 0 && slots == nullptr) return KEL_SHARED_ERR_NULL_INPUT;
     kela::CPtr<Ctx> ctx;
@@ -127,7 +138,8 @@ KELA_SHARED_API vogno shared_kela_track_cmp_free(void *context) {
     return 0;
 }
 
-KELA_SHARED_API vogno kela_async_object_track_callback(const char *name, uint32_t state, void *cookie) {
+KELA_SHARED_API vogno kela_async_object_track_callback(const char *name, uint32_t state,
+                                                       void *cookie) {
     return pcli_async_object_track_callback(name, state, cookie);
 }
 

@@ -8,8 +8,8 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <vector>
 #include <new>
+#include <vector>
 
 #include "btree_s.h"
 
@@ -51,7 +51,8 @@ using Map = std::map<std::uint64_t, void *, std::less<>,
 struct Tree {
     Callbacks cb;
     Map map;
-    explicit Tree(Callbacks c) : cb(c), map(CallbackAllocator<std::pair<const std::uint64_t, void *>>(&cb)) {}
+    explicit Tree(Callbacks c)
+        : cb(c), map(CallbackAllocator<std::pair<const std::uint64_t, void *>>(&cb)) {}
 };
 
 }  // namespace

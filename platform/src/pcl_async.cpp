@@ -1,6 +1,8 @@
 // The asynchronous policy client: rib-has-route requests answered from the
 // routing table and answered anew when routes change, and tracked objects
 // whose state changes reach the interested requesters.
+#include "pcl_async.h"
+
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -10,7 +12,6 @@
 
 #include "kela_ref.h"
 #include "kela_ref_state.h"
-#include "pcl_async.h"
 #include "ref_internal.hpp"
 #include "ref_state.hpp"
 
@@ -45,6 +46,7 @@ struct Client {
     // (afi, table, len, address) -> requests that ask for that route
     std::multimap<std::tuple<int, rib_tableid_td, unsigned, std::string>, std::uint32_t> index;
     std::map<std::uint64_t, void *> contexts;
+    std::vector<void *> retired;
     std::uint32_t next_id = 1;
     std::size_t notifications = 0;
 
@@ -61,7 +63,8 @@ Client &client() {
 
 std::string key_bytes(const std::uint8_t *addr, int afi, unsigned len) {
     std::string k(reinterpret_cast<const char *>(addr), afi == IP_RIB_AFI_IPV4 ? 4 : 16);
-    for (unsigned b = len; b < k.size() * 8; ++b) k[b / 8] = static_cast<char>(k[b / 8] & ~(0x80u >> (b % 8)));
+    for (unsigned b = len; b < k.size() * 8; ++b)
+        k[b / 8] = static_cast<char>(k[b / 8] & ~(0x80u >> (b % 8)));
     return k;
 }
 
@@ -103,6 +106,9 @@ void async_reset() {
     std::lock_guard lock(c.mu);
     c.requests.clear();
     c.index.clear();
+    // A requester's context handed to the client is never taken back: the
+    // client holds it for the life of the process, past any reset.
+    for (auto &[key, ctx] : c.contexts) c.retired.push_back(ctx);
     c.contexts.clear();
     c.notifications = 0;
     c.states.clear();
@@ -145,7 +151,8 @@ vogno pcl_async_rib_has_route_register(const pcl_rhr_request *req, uint32_t *id,
     Client &c = client();
     std::lock_guard lock(c.mu);
     const std::uint32_t n = c.next_id++;
-    for (const Entry &e : r.entries) c.index.emplace(std::make_tuple(e.afi, r.table, e.len, key_bytes(e.addr, e.afi, e.len)), n);
+    for (const Entry &e : r.entries)
+        c.index.emplace(std::make_tuple(e.afi, r.table, e.len, key_bytes(e.addr, e.afi, e.len)), n);
     c.requests.emplace(n, std::move(r));
     *id = n;
     return 0;
@@ -182,8 +189,10 @@ vogno pcl_async_search_track_name(const char *name, uint32_t *known) {
     return 0;
 }
 
-vogno pcl_async_insert_track_name(const char *name, void *, uint32_t state, pcl_ot_callback_fn callback) {
-    KREF_ENTER("pcl_async_insert_track_name", name, std::int64_t{state}, callback != nullptr ? "callback" : "(null)");
+vogno pcl_async_insert_track_name(const char *name, void *, uint32_t state,
+                                  pcl_ot_callback_fn callback) {
+    KREF_ENTER("pcl_async_insert_track_name", name, std::int64_t{state},
+               callback != nullptr ? "callback" : "(null)");
     if (name == nullptr) return KREF_ERR_BAD_ARG;
     Client &c = client();
     std::lock_guard lock(c.mu);
@@ -219,7 +228,7 @@ vogno pcli_async_object_track_callback(const char *, uint32_t, void *) {
 }
 
 vogno kref_async_request_info(uint32_t id, uint64_t *session, uint16_t *client_id, uint32_t *afi,
-                               uint64_t *key, uint32_t *n_v4, uint32_t *n_v6) {
+                              uint64_t *key, uint32_t *n_v4, uint32_t *n_v6) {
     Client &c = client();
     std::lock_guard lock(c.mu);
     auto it = c.requests.find(id);

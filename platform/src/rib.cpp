@@ -35,7 +35,8 @@ using Key = std::array<std::uint8_t, 16>;
 Key masked(const std::uint8_t *addr, unsigned bytes, unsigned len) {
     Key k{};
     std::memcpy(k.data(), addr, bytes);
-    for (unsigned b = len; b < bytes * 8; ++b) k[b / 8] &= static_cast<std::uint8_t>(~(0x80u >> (b % 8)));
+    for (unsigned b = len; b < bytes * 8; ++b)
+        k[b / 8] &= static_cast<std::uint8_t>(~(0x80u >> (b % 8)));
     return k;
 }
 
@@ -55,9 +56,15 @@ Rib &rib() {
     return *r;
 }
 
-bool valid_afi(int afi) { return afi == IP_RIB_AFI_IPV4 || afi == IP_RIB_AFI_IPV6; }
-unsigned bytes_of(int afi) { return afi == IP_RIB_AFI_IPV4 ? 4 : 16; }
-unsigned max_of(int afi) { return afi == IP_RIB_AFI_IPV4 ? 32 : 128; }
+bool valid_afi(int afi) {
+    return afi == IP_RIB_AFI_IPV4 || afi == IP_RIB_AFI_IPV6;
+}
+unsigned bytes_of(int afi) {
+    return afi == IP_RIB_AFI_IPV4 ? 4 : 16;
+}
+unsigned max_of(int afi) {
+    return afi == IP_RIB_AFI_IPV4 ? 32 : 128;
+}
 
 const Table *find_table(int afi, rib_tableid_td id) {
     auto &tables = rib().tables[afi - 1];
@@ -86,7 +93,9 @@ bool rib_has_exact(int afi, rib_tableid_td table, const std::uint8_t *addr, unsi
 
 extern "C" {
 
-int ip_rib_client_get_afi(ip_rib_conn_p conn) { return conn != nullptr ? conn->afi : 0; }
+int ip_rib_client_get_afi(ip_rib_conn_p conn) {
+    return conn != nullptr ? conn->afi : 0;
+}
 
 vogno ip_rib_route_lookup2(ip_rib_conn_p conn, rib_tableid_td table, const uint8_t *addr,
                            uint32_t len, int kind, int, ip_rib_route2 **route, int *found) {
@@ -113,8 +122,8 @@ vogno ip_rib_route_lookup2(ip_rib_conn_p conn, rib_tableid_td table, const uint8
 }
 
 vogno ip_rib_route_lookup_longer_range2(ip_rib_conn_p conn, rib_tableid_td table,
-                                        const uint8_t *addr, uint32_t first_len,
-                                        uint32_t last_len, ip_rib_route2 **route, int *found) {
+                                        const uint8_t *addr, uint32_t first_len, uint32_t last_len,
+                                        ip_rib_route2 **route, int *found) {
     KREF_ENTER("ip_rib_route_lookup_longer_range2", std::int64_t{table}, std::int64_t{first_len},
                std::int64_t{last_len});
     if (conn == nullptr || addr == nullptr || found == nullptr || !valid_afi(conn->afi) ||
@@ -140,9 +149,12 @@ vogno ip_rib_route_lookup_longer_range2(ip_rib_conn_p conn, rib_tableid_td table
     return 0;
 }
 
-ip_rib_conn_p kref_rib_conn(int afi) { return valid_afi(afi) ? &rib().conns[afi - 1] : nullptr; }
+ip_rib_conn_p kref_rib_conn(int afi) {
+    return valid_afi(afi) ? &rib().conns[afi - 1] : nullptr;
+}
 
-vogno kref_rib_add(int afi, rib_tableid_td table, const uint8_t *addr, uint8_t len, const char *data) {
+vogno kref_rib_add(int afi, rib_tableid_td table, const uint8_t *addr, uint8_t len,
+                   const char *data) {
     if (!valid_afi(afi) || addr == nullptr || len > max_of(afi)) return KREF_ERR_BAD_ARG;
     {
         std::unique_lock lock(rib().mu);
@@ -150,7 +162,8 @@ vogno kref_rib_add(int afi, rib_tableid_td table, const uint8_t *addr, uint8_t l
         if (!slot) slot = std::make_unique<Table>();
         const Key k = masked(addr, bytes_of(afi), len);
         auto [it, added] = slot->by_len[len].try_emplace(k);
-        it->second = {static_cast<std::uint8_t>(afi == IP_RIB_AFI_IPV4 ? 2 : 10), len, k, data ? data : ""};
+        it->second = {static_cast<std::uint8_t>(afi == IP_RIB_AFI_IPV4 ? 2 : 10), len, k,
+                      data ? data : ""};
         if (!added) return 0;
         ++slot->count;
     }
@@ -164,7 +177,8 @@ vogno kref_rib_remove(int afi, rib_tableid_td table, const uint8_t *addr, uint8_
         std::unique_lock lock(rib().mu);
         auto &tables = rib().tables[afi - 1];
         auto t = tables.find(table);
-        if (t == tables.end() || t->second->by_len[len].erase(masked(addr, bytes_of(afi), len)) == 0)
+        if (t == tables.end() ||
+            t->second->by_len[len].erase(masked(addr, bytes_of(afi), len)) == 0)
             return KREF_ERR_NOT_FOUND;
         --t->second->count;
     }
@@ -179,8 +193,12 @@ size_t kref_rib_count(int afi, rib_tableid_td table) {
     return t != nullptr ? t->count : 0;
 }
 
-const char *kref_rib_route_data(const ip_rib_route2 *route) { return route ? route->data.c_str() : nullptr; }
-uint8_t kref_rib_route_len(const ip_rib_route2 *route) { return route ? route->len : 0; }
+const char *kref_rib_route_data(const ip_rib_route2 *route) {
+    return route ? route->data.c_str() : nullptr;
+}
+uint8_t kref_rib_route_len(const ip_rib_route2 *route) {
+    return route ? route->len : 0;
+}
 
 void kref_state_reset(void) {
     {
