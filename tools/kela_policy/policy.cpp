@@ -124,6 +124,10 @@ bool split_items(const std::vector<Token> &t, std::size_t from,
         err = {0, t.back().column, "missing '}'"};
         return false;
     }
+    if (cur.empty() && !items.empty()) {
+        err = {0, t[i - 1].column, "empty list entry"};
+        return false;
+    }
     if (!cur.empty()) items.push_back(std::move(cur));
     if (i + 1 != t.size()) {
         err = {0, t[i + 1].column, "unexpected '" + t[i + 1].text + "' after '}'"};
