@@ -114,10 +114,13 @@ void vup_errmsg(const vup_msg_rec_td *rec, int level, ...) {
     if (n > 0) std::vsnprintf(text.data(), text.size() + 1, rec->format, ap);
     va_end(ap);
     std::string line = "%";
-    line += rec->facility != nullptr ? rec->facility : "?";
-    line += "-" + std::to_string(level) + "-";
-    line += rec->mnemonic != nullptr ? rec->mnemonic : "?";
-    line += ": " + text;
+    line.append(rec->facility != nullptr ? rec->facility : "?");
+    line.push_back('-');
+    line.append(std::to_string(level));
+    line.push_back('-');
+    line.append(rec->mnemonic != nullptr ? rec->mnemonic : "?");
+    line.append(": ");
+    line.append(text);
     kref::log_line(line);
 }
 
