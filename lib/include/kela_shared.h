@@ -441,7 +441,7 @@ KELA_SHARED_API vogno shared_kela_flag64_base_init_v2(void *reg_ctx, char *errbu
                                                       const char *const *retr_locs,
                                                       const char *const *attr_locs);
 
-/* ---- IP addresses, prefixes and prefix match specifications ------------- */
+/* ---- IP addresses, prefixes and prefix match entries --------------------- */
 
 /* Address families are the socket family numbers 2 (IPv4) and 10 (IPv6);
  * addresses are in network byte order, bit 0 is the most significant bit of
@@ -455,7 +455,7 @@ typedef struct shared_kela_prefix_addr_td {
     uint32_t free_addr; /* non-zero: addr was allocated for this call; the consumer frees it */
 } shared_kela_prefix_addr_td;
 
-/* A prefix match specification.  Length form: address, length, ge, le.
+/* A prefix match entry.  Length form: address, length, ge, le.
  * Address/mask form (is_acl 1): address and a wildcard mask (a set bit
  * accepts any value there), ge and le; len 0.  The address is stored at the
  * end; the record is allocated for exactly the family's address bytes.  Its
@@ -470,7 +470,7 @@ typedef struct shared_kela_prefix_matchspec_td {
     uint8_t addr[];
 } shared_kela_prefix_matchspec_td;
 
-/* How a value is compared with a specification. */
+/* How a value is compared with an entry. */
 typedef enum shared_kela_prefix_cmp_td {
     SHARED_KELA_PREFIX_CMP_MATCH = 1,   /* "pfxmatch": the value lies in the length range */
     SHARED_KELA_PREFIX_CMP_LONGER = 2,  /* "pfxlonger": strictly more specific */
@@ -547,11 +547,11 @@ KELA_SHARED_API vogno shared_kela_prefix_cvt_string_to_pfx(const char *addr_text
                                                            const char *ge_text, const char *le_text,
                                                            ip_addr_t *addr, uint32_t *len,
                                                            uint32_t *ge, uint32_t *le, int check);
-/* A newly allocated length-form specification. */
+/* A newly allocated length-form entry. */
 KELA_SHARED_API vogno shared_kela_prefix_cvt_string_to_matchspec(
     const char *addr_text, const char *len_text, const char *ge_text, const char *le_text,
     shared_kela_prefix_matchspec_td **out);
-/* A newly allocated address/mask-form specification (no bound checks). */
+/* A newly allocated address/mask-form entry (no bound checks). */
 KELA_SHARED_API vogno shared_kela_prefix_cvt_string_to_matchspec_acl(
     const char *addr_text, const char *mask_text, const char *ge_text, const char *le_text,
     shared_kela_prefix_matchspec_td **out);
@@ -571,18 +571,18 @@ KELA_SHARED_API vogno shared_kela_prefix_base_cmp(void *route_a, void *route_b, 
 /* 1 when the 128-bit prefix (addr, len) satisfies the range rule of
  * (spec_addr, spec_len, ge, le): the length lies in max(spec_len, ge) ..
  * max(spec_len, le) and every bit outside min(spec_len, ge) .. le equals the
- * specification's. */
+ * entry's. */
 KELA_SHARED_API int shared_kela_prefix_compare_ipv6_range(const uint8_t *addr, uint32_t len,
                                                           const uint8_t *spec_addr,
                                                           uint32_t spec_len, uint32_t ge,
                                                           uint32_t le);
-/* 1 when the value is accepted by the length-form specification under the
- * kind.  The longer kinds store the family maximum in the specification's
+/* 1 when the value is accepted by the length-form entry under the
+ * kind.  The longer kinds store the family maximum in the entry's
  * le. */
 KELA_SHARED_API int shared_kela_prefix_match(shared_kela_prefix_addr_td *value,
                                              shared_kela_prefix_matchspec_td *spec,
                                              shared_kela_prefix_cmp_td kind);
-/* 1 when the value is accepted by the address/mask-form specification. */
+/* 1 when the value is accepted by the address/mask-form entry. */
 KELA_SHARED_API int shared_kela_prefix_match_acl(shared_kela_prefix_addr_td *value,
                                                  shared_kela_prefix_matchspec_td *spec);
 
@@ -628,7 +628,7 @@ KELA_SHARED_API vogno shared_kela_prefix_retr_retrieve(void *route, void *fw_arg
  * keeping the kinds query->flags asks for; the outcome is query->status. */
 KELA_SHARED_API void shared_kela_decode_pfxs(uint32_t count, char **params,
                                              shared_kela_pcl_query_pfx_ctx_t *query);
-/* Releases the decoded specifications and clears the record. */
+/* Releases the decoded entries and clears the record. */
 KELA_SHARED_API void shared_kela_free_query_ctx(shared_kela_pcl_query_pfx_ctx_t *query);
 
 /* ---- IPv4 address attribute ----------------------------------------------- */

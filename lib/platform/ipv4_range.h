@@ -10,7 +10,7 @@
 extern "C" {
 #endif
 
-/* 1 when the prefix (addr, len) lies in the range of the specification
+/* 1 when the prefix (addr, len) lies in the range of the entry
  * (spec_addr, spec_len, ge, le), else 0.  Addresses are 4 bytes in network
  * order.  The length range is max(spec_len, ge) .. max(spec_len, le); the
  * bits from min(spec_len, ge) up to le are free, every other bit of the

@@ -1,4 +1,4 @@
-// IP addresses, prefixes and match specifications: parsing, printing, the
+// IP addresses, prefixes and match entries: parsing, printing, the
 // attribute's base functions, and single-prefix matching.
 #include "kela_prefix.hpp"
 
@@ -55,7 +55,7 @@ using namespace kela::prefix;
 
 namespace {
 
-// Parses the three numbers of a specification.
+// Parses the three numbers of an entry.
 vogno parse_bounds(const char *len_text, const char *ge_text, const char *le_text, int strict,
                    std::uint32_t *len, std::uint32_t *ge, std::uint32_t *le) {
     vogno st = 0;
@@ -276,7 +276,7 @@ KELA_SHARED_API int shared_kela_prefix_match(shared_kela_prefix_addr_td *value,
         value->addr == nullptr)
         return 0;
     std::uint32_t len = value->len;
-    // An address given without a length is taken at the specification's.
+    // An address given without a length is taken at the entry's.
     if (len == 0) len = value->addr[0] != 0 ? spec->len : 0;
     if (kind == SHARED_KELA_PREFIX_CMP_ORLONGER || kind == SHARED_KELA_PREFIX_CMP_LONGER) {
         if (!known_family(spec->family))

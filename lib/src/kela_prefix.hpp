@@ -24,7 +24,7 @@ inline bool known_family(std::uint8_t family) {
     return family == kV4 || family == kV6;
 }
 
-// Releases a specification: its mask, then the record (null accepted).
+// Releases an entry: its mask, then the record (null accepted).
 inline void free_spec(shared_kela_prefix_matchspec_td *spec) {
     if (spec != nullptr) {
         std::free(spec->mask);
@@ -36,7 +36,7 @@ struct SpecDeleter {
 };
 using SpecPtr = std::unique_ptr<shared_kela_prefix_matchspec_td, SpecDeleter>;
 
-// A zero-filled specification record with room for the family's key bytes.
+// A zero-filled entry record with room for the family's key bytes.
 inline SpecPtr alloc_spec(std::uint8_t family) {
     const std::size_t bytes =
         offsetof(shared_kela_prefix_matchspec_td, addr) + shared_kela_prefix_key_bytes(family);
@@ -74,7 +74,7 @@ inline void release_value(shared_kela_prefix_addr_td &v) {
 
 // ---- the prefix-set match context ---------------------------------------------
 
-// Tree entry: the specifications filed under one key (also the wild list,
+// Tree entry: the entries filed under one key (also the wild list,
 // whose key is not used).
 struct shared_kela_prefix_info_td {
     radix_node hdr;

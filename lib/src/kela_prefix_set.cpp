@@ -1,6 +1,6 @@
 // Prefix sets compiled for "pfxmatch", "pfxlonger" and "pfxorlonger": per
 // family a wild list (all-zero addresses, tried against every prefix), a
-// radix tree of length-form specifications keyed by their shortest
+// radix tree of length-form entries keyed by their shortest
 // relevant prefix, and per wildcard mask a tree of address/mask entries.
 #include <algorithm>
 #include <cstring>
@@ -62,12 +62,12 @@ bool all_zero(const std::uint8_t *bytes, std::size_t n) {
     return true;
 }
 
-// Appends a specification unless one with the same len, ge and le is
+// Appends an entry unless one with the same len, ge and le is
 // already filed there (the addresses agree on the filed bits): then the new
 // one is released and *spec becomes null.  `upper` (when not 0) becomes the
-// filed specification's le: the longer kinds match with the family maximum
+// filed entry's le: the longer kinds match with the family maximum
 // as upper bound, and setting it while the set is private to its build
-// keeps evaluations from ever writing to a shared specification.
+// keeps evaluations from ever writing to a shared entry.
 vogno info_add_matchspec(Info *info, shared_kela_prefix_matchspec_td **spec, std::uint8_t upper) {
     shared_kela_prefix_matchspec_td *s = *spec;
     const std::uint8_t le = upper != 0 ? upper : s->le;
@@ -89,7 +89,7 @@ vogno info_add_matchspec(Info *info, shared_kela_prefix_matchspec_td **spec, std
     return 0;
 }
 
-// The key of a length-form specification: its address cut to
+// The key of a length-form entry: its address cut to
 // min(len, ge, le) bits.
 void compute_key(Info *info, const shared_kela_prefix_matchspec_td *spec) {
     const std::uint8_t keylen = std::min({spec->len, spec->ge, spec->le});
@@ -103,7 +103,7 @@ void compute_key(Info *info, const shared_kela_prefix_matchspec_td *spec) {
     }
 }
 
-// A new mask node for the specification's mask, put at the front of its
+// A new mask node for the entry's mask, put at the front of its
 // family's list; null when it cannot be made.
 MaskNode *new_mask_node(Ctx *ctx, const shared_kela_prefix_matchspec_td *spec) {
     MaskNode **anchor = spec->family == kV4 ? ctx->v4_lists : ctx->v6_lists;
@@ -126,7 +126,7 @@ void compute_acl_key(AclEntry *entry, const shared_kela_prefix_matchspec_td *spe
         entry->key[i] = static_cast<std::uint8_t>(spec->addr[i] & ~spec->mask[i]);
 }
 
-// Files an address/mask specification in the tree of its mask.  The same
+// Files an address/mask entry in the tree of its mask.  The same
 // address under the same mask with other bounds cannot share an entry; it
 // goes to a further node of the same mask rather than being lost (every node
 // is probed at lookup).  The same bounds again is a duplicate and dropped.
@@ -152,7 +152,7 @@ vogno add_acl(Ctx *ctx, SpecPtr spec) {
     return 0;
 }
 
-// The le that the context's kind makes every filed specification use.
+// The le that the context's kind makes every filed entry use.
 std::uint8_t upper_bound(const Ctx *ctx, std::uint8_t family) {
     const bool longer =
         ctx->cmp == SHARED_KELA_PREFIX_CMP_LONGER || ctx->cmp == SHARED_KELA_PREFIX_CMP_ORLONGER;
@@ -261,7 +261,7 @@ vogno match_ctx_build(std::uint32_t count, char **params, Ctx *ctx) {
 
 namespace {
 
-// Whether any specification of the record accepts the value.
+// Whether any entry of the record accepts the value.
 bool any_accepts(const Info *info, shared_kela_prefix_addr_td *value,
                  shared_kela_prefix_cmp_td kind) {
     for (std::int32_t i = 0; i < info->count; ++i)

@@ -109,7 +109,7 @@ void free_match_ctx(MatchCtx *ctx) {
     std::free(ctx);
 }
 
-// Fills the context's specifications; 4 for anything but exact-length
+// Fills the context's entries; 4 for anything but exact-length
 // entries of four texts.
 vogno build_specs(std::uint32_t count, char **params, MatchCtx *ctx) {
     kela::Segments segs(count, params);

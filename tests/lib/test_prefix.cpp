@@ -1,5 +1,5 @@
 // The prefix attribute: parsing and printing of addresses, prefixes and
-// match specifications; single-prefix matching; prefix sets compiled into
+// match entries; single-prefix matching; prefix sets compiled into
 // trees (against a linear scan of the single-prefix rule); registration,
 // print, "assign", the retriever, and prefix-list decoding.
 #include <arpa/inet.h>
@@ -687,7 +687,7 @@ TEST(PrefixDecode, FailuresKeepWhatWasDecoded) {
 
 // ---- large sets against the single-prefix rule ------------------------------------------
 
-// Random specifications whose prefixes cluster the way routing tables do.
+// Random entries whose prefixes cluster the way routing tables do.
 struct RandomSets {
     std::mt19937 rng{20261122};
     std::vector<std::string> addrs;
