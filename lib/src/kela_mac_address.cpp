@@ -5,6 +5,7 @@
 #include "kela_internal.hpp"
 #include "kela_register.hpp"
 #include "kela_segments.hpp"
+#include "kela_valueset.hpp"
 
 namespace {
 
@@ -145,18 +146,7 @@ KELA_SHARED_API vogno shared_kela_mac_address_base_cmp(void *a, void *b, void *d
 KELA_SHARED_API vogno shared_kela_mac_address_cmp_match_veri(uint32_t count, char **params,
                                                              void *desc, char **msg) {
     using kela::msg_if_empty;
-    if (desc == nullptr) {
-        msg_if_empty(msg, "Invalid context pointer");
-        return KEL_SHARED_ERR_NULL_RESULT;
-    }
-    if (count == 0) {
-        msg_if_empty(msg, "Internal error: no parameters");
-        return KEL_SHARED_ERR_PARAM_COUNT;
-    }
-    if (params == nullptr) {
-        msg_if_empty(msg, "NULL parameter vector");
-        return KEL_SHARED_ERR_NULL_INPUT;
-    }
+    if (vogno st = kela::list_veri_checks(count, params, desc, msg); st != 0) return st;
     kela::Segments segs(count, params);
     if (!segs) {
         msg_if_empty(msg, "Internal error: malformed parameters");

@@ -67,6 +67,19 @@ vogno verify_entries(std::uint32_t count, char **params, char **msg, Shape &&sha
     return st;
 }
 
+// The verifiers' checks before anything is parsed.
+vogno veri_checks(std::uint32_t count, char **params, char **msg) {
+    if (count == 0) {
+        kela::msg_replace(msg, "Internal error:  no parameters");
+        return KEL_SHARED_ERR_NULL_INPUT;
+    }
+    if (params == nullptr) {
+        kela::msg_replace(msg, "Internal error:  no parameter array");
+        return KEL_SHARED_ERR_NULL_INPUT;
+    }
+    return 0;
+}
+
 // The constructors' common checks.
 vogno cons_checks(std::uint32_t count, void **slots, void *desc) {
     if (desc == nullptr) return KEL_SHARED_ERR_NO_PARAM_ARRAY;
@@ -307,14 +320,7 @@ KELA_SHARED_API vogno shared_kela_rhr_match(ip_rib_conn_p conn, rib_tableid_td t
 
 KELA_SHARED_API vogno shared_kela_rhr_cmp_match_veri(uint32_t count, char **params, void *,
                                                      char **msg) {
-    if (count == 0) {
-        kela::msg_replace(msg, "Internal error:  no parameters");
-        return KEL_SHARED_ERR_NULL_INPUT;
-    }
-    if (params == nullptr) {
-        kela::msg_replace(msg, "Internal error:  no parameter array");
-        return KEL_SHARED_ERR_NULL_INPUT;
-    }
+    if (vogno st = veri_checks(count, params, msg); st != 0) return st;
     return verify_entries(
         count, params, msg,
         [](std::uint32_t len, std::uint32_t ge, std::uint32_t, const char **why) -> vogno {
@@ -351,14 +357,7 @@ KELA_SHARED_API vogno shared_kela_rhr_cmp_match_free(void *ctx) {
 
 KELA_SHARED_API vogno shared_kela_rhr_cmp_async_veri(uint32_t count, char **params, void *,
                                                      char **msg) {
-    if (count == 0) {
-        kela::msg_replace(msg, "Internal error:  no parameters");
-        return KEL_SHARED_ERR_NULL_INPUT;
-    }
-    if (params == nullptr) {
-        kela::msg_replace(msg, "Internal error:  no parameter array");
-        return KEL_SHARED_ERR_NULL_INPUT;
-    }
+    if (vogno st = veri_checks(count, params, msg); st != 0) return st;
     if (count > 5 * kMaxAsyncEntries) {
         kela::msg_replace(msg,
                           "Internal error: RHR async supports maximum of 16 entries in prefix-set");

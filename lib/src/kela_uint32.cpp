@@ -29,19 +29,7 @@ extern "C" {
 
 KELA_SHARED_API vogno shared_kela_uint32_cmp_any_veri(uint32_t count, char **params, void *desc,
                                                       char **msg) {
-    using kela::msg_if_empty;
-    if (desc == nullptr) {
-        msg_if_empty(msg, "Invalid context pointer");
-        return KEL_SHARED_ERR_NULL_RESULT;
-    }
-    if (count == 0) {
-        msg_if_empty(msg, "Internal error: no parameters");
-        return KEL_SHARED_ERR_PARAM_COUNT;
-    }
-    if (params == nullptr) {
-        msg_if_empty(msg, "NULL parameter vector");
-        return KEL_SHARED_ERR_NULL_INPUT;
-    }
+    if (vogno st = kela::list_veri_checks(count, params, desc, msg); st != 0) return st;
     const Desc *d = static_cast<Desc *>(desc);
     return kela::value_set_verify_list(count, params, msg, strict_decimal,
                                        [&](std::uint32_t v, char **m) -> vogno {

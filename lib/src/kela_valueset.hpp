@@ -56,6 +56,24 @@ vogno free_value_set_copy(void *ctx) {
     return 0;
 }
 
+// The checks a list verifier makes before walking: the descriptor, the
+// count, the vector.
+inline vogno list_veri_checks(std::uint32_t count, char **params, const void *desc, char **msg) {
+    if (desc == nullptr) {
+        msg_if_empty(msg, "Invalid context pointer");
+        return KEL_SHARED_ERR_NULL_RESULT;
+    }
+    if (count == 0) {
+        msg_if_empty(msg, "Internal error: no parameters");
+        return KEL_SHARED_ERR_PARAM_COUNT;
+    }
+    if (params == nullptr) {
+        msg_if_empty(msg, "NULL parameter vector");
+        return KEL_SHARED_ERR_NULL_INPUT;
+    }
+    return 0;
+}
+
 // The verifier's walk once its own argument checks passed: the list must
 // open a segment list, every constant must convert (strict) and pass
 // `check(value, msg)`; a segment of another width is the plain number 4.
