@@ -125,11 +125,6 @@ KELA_SHARED_API vogno shared_kela_bitmasked_retr_cons(uint32_t count, char **par
     return kela::retriever_cons(count, params, slots, desc, out, &kela::word_retrieve<Desc>);
 }
 
-KELA_SHARED_API vogno shared_kela_bitmasked_base_init_v2(
-    void *reg_ctx, char *errbuf, int32_t errlen, Desc *desc, const char *const *op_locs,
-    const char *const *set_locs, const char *const *retr_locs, const char *const *attr_locs) {
-    return kela::register_type(kSpec, reg_ctx, errbuf, errlen, desc,
-                               {op_locs, set_locs, retr_locs, attr_locs});
-}
-
 }  // extern "C"
+
+KELA_REGISTRATION_ENTRY(shared_kela_bitmasked_base_init_v2, Desc, kSpec)

@@ -212,13 +212,6 @@ KELA_SHARED_API vogno shared_kela_mac_address_cmp_match_free(void *context) {
     return 0;
 }
 
-KELA_SHARED_API vogno shared_kela_mac_address_base_init(void *reg_ctx, char *errbuf, int32_t errlen,
-                                                        Desc *desc, const char *const *op_locs,
-                                                        const char *const *set_locs,
-                                                        const char *const *retr_locs,
-                                                        const char *const *attr_locs) {
-    return kela::register_type(kSpec, reg_ctx, errbuf, errlen, desc,
-                               {op_locs, set_locs, retr_locs, attr_locs});
-}
-
 }  // extern "C"
+
+KELA_REGISTRATION_ENTRY(shared_kela_mac_address_base_init, Desc, kSpec)

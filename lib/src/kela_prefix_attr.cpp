@@ -169,16 +169,6 @@ bool resize(SpecArray *array, std::size_t used, std::size_t n) {
 
 extern "C" {
 
-KELA_SHARED_API vogno shared_kela_prefix_base_init(void *reg_ctx, char *errbuf, int32_t errlen,
-                                                   shared_kela_prefix_desc_td *desc,
-                                                   const char *const *op_locs,
-                                                   const char *const *set_locs,
-                                                   const char *const *retr_locs,
-                                                   const char *const *attr_locs) {
-    return kela::register_type(kSpec, reg_ctx, errbuf, errlen, desc,
-                               {op_locs, set_locs, retr_locs, attr_locs});
-}
-
 KELA_SHARED_API vogno shared_kela_prefix_cmp_match_veri(uint32_t count, char **params, void *,
                                                         char **msg) {
     using kela::msg_if_empty;
@@ -339,3 +329,5 @@ KELA_SHARED_API void shared_kela_free_query_ctx(shared_kela_pcl_query_pfx_ctx_t 
 }
 
 }  // extern "C"
+
+KELA_REGISTRATION_ENTRY(shared_kela_prefix_base_init, shared_kela_prefix_desc_td, kSpec)

@@ -83,15 +83,6 @@ constexpr kela::TypeSpec kSpec{"kela_track", nullptr, base_print, base_cmp, kOps
 
 extern "C" {
 
-KELA_SHARED_API vogno shared_kela_track_base_init(void *reg_ctx, char *errbuf, int32_t errlen,
-                                                  void *desc, const char *const *op_locs,
-                                                  const char *const *set_locs,
-                                                  const char *const *retr_locs,
-                                                  const char *const *attr_locs) {
-    return kela::register_type(kSpec, reg_ctx, errbuf, errlen, desc,
-                               {op_locs, set_locs, retr_locs, attr_locs});
-}
-
 KELA_SHARED_API vogno shared_kela_track_cmp_veri(uint32_t count, char **params, void *,
                                                  char **msg) {
     auto refuse = [&](vogno st, const char *text) {
@@ -144,3 +135,5 @@ KELA_SHARED_API vogno kela_async_object_track_callback(const char *name, uint32_
 }
 
 }  // extern "C"
+
+KELA_REGISTRATION_ENTRY(shared_kela_track_base_init, void, kSpec)
