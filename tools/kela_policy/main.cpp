@@ -58,6 +58,8 @@ OPTIONS
     --track NAME=up|down state of a tracked object (repeatable)
     --track-file FILE    lines "NAME up|down"
     --quiet              no progress indicator
+    --parse-only         read and parse the routes, evaluate nothing (for
+                         measuring the policy's own cost)
     --help               this text
 
 EXIT STATUS
@@ -69,7 +71,7 @@ struct Options {
     std::string command, policy_file, routes_file, rib_file, track_file;
     std::string format = "text", input = "auto", location = "import";
     std::vector<std::string> tracks;
-    bool explain = false, strict = false, quiet = false;
+    bool explain = false, strict = false, quiet = false, parse_only = false;
 };
 
 int usage_error(const std::string &m) {
@@ -320,6 +322,7 @@ int run(const Options &o) {
             continue;
         }
         ++read;
+        if (o.parse_only) continue;
         const Outcome oc = evaluate(policy, r, lineno, o.explain);
         (oc.accept ? accepted : rejected) += 1;
         const std::string rule = oc.rule != nullptr ? oc.rule->name : "default";
@@ -389,6 +392,8 @@ int main(int argc, char **argv) {
             o.strict = true;
         } else if (a == "--quiet") {
             o.quiet = true;
+        } else if (a == "--parse-only") {
+            o.parse_only = true;
         } else if (a == "--format") {
             if (!value(o.format) || (o.format != "text" && o.format != "json"))
                 return usage_error("--format takes text or json");
