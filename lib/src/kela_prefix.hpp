@@ -79,7 +79,8 @@ inline void release_value(shared_kela_prefix_addr_td &v) {
 struct shared_kela_prefix_info_td {
     radix_node hdr;
     std::int32_t count;
-    shared_kela_prefix_matchspec_td **specs;
+    shared_kela_prefix_matchspec_td **specs;  // `first` while it holds one entry
+    shared_kela_prefix_matchspec_td *first;   // room for the usual single entry
     std::uint8_t keylen;
     std::uint8_t key[];
 };

@@ -21,7 +21,7 @@ void info_free(void *entry) {
     auto *info = static_cast<Info *>(entry);
     if (info == nullptr) return;
     for (std::int32_t i = 0; i < info->count; ++i) free_spec(info->specs[i]);
-    std::free(info->specs);
+    if (info->specs != &info->first) std::free(info->specs);
     std::free(info);
 }
 
@@ -79,12 +79,22 @@ vogno info_add_matchspec(Info *info, shared_kela_prefix_matchspec_td **spec, std
             return 0;
         }
     }
-    auto **grown = static_cast<shared_kela_prefix_matchspec_td **>(std::realloc(
-        info->specs,
-        (static_cast<std::size_t>(info->count) + 1) * sizeof(shared_kela_prefix_matchspec_td *)));
-    if (grown == nullptr) return KEL_SHARED_ERR_NO_MEMORY;
-    grown[info->count++] = s;
-    info->specs = grown;
+    // Most keys hold a single entry: it lives in the record itself, and only
+    // a second one moves the list to an array of its own.
+    if (info->count == 0) {
+        info->first = s;
+        info->specs = &info->first;
+        info->count = 1;
+    } else {
+        const std::size_t n = static_cast<std::size_t>(info->count) + 1;
+        auto **grown = static_cast<shared_kela_prefix_matchspec_td **>(
+            info->specs == &info->first ? std::malloc(n * sizeof(shared_kela_prefix_matchspec_td *))
+                                        : std::realloc(info->specs, n * sizeof(shared_kela_prefix_matchspec_td *)));
+        if (grown == nullptr) return KEL_SHARED_ERR_NO_MEMORY;
+        if (info->specs == &info->first) grown[0] = info->first;
+        grown[info->count++] = s;
+        info->specs = grown;
+    }
     if (upper != 0) s->le = upper;
     return 0;
 }
@@ -166,22 +176,24 @@ vogno add_length_form(Ctx *ctx, SpecPtr spec) {
     compute_key(info.get(), spec.get());
     radix_head *tree = family_head(ctx, spec->family);
     const std::uint8_t upper = upper_bound(ctx, spec->family);
+    // A new record takes its first entry in place, which cannot fail.
     shared_kela_prefix_matchspec_td *raw = spec.release();
-    if (auto *held = static_cast<Info *>(rn_search(tree, info->key, info->keylen))) {
-        vogno st = info_add_matchspec(held, &raw, upper);
-        if (st != 0) free_spec(raw);
-        return st;
+    info_add_matchspec(info.get(), &raw, upper);
+    // One walk for the usual case of a new key; a key already filed refuses
+    // the insert, and the entry joins the record that holds it.
+    if (rn_insert(tree, info.get()) == 0) {
+        info.release();
+        return 0;
     }
-    if (vogno st = info_add_matchspec(info.get(), &raw, upper); st != 0) {
+    info->count = 0;
+    auto *held = static_cast<Info *>(rn_search(tree, info->key, info->keylen));
+    if (held == nullptr) {
         free_spec(raw);
-        return st;
-    }
-    if (rn_insert(tree, info.get()) != 0) {
-        info_free(info.release());
         return KEL_SHARED_ERR_TREE_INSERT;
     }
-    info.release();
-    return 0;
+    vogno st = info_add_matchspec(held, &raw, upper);
+    if (st != 0) free_spec(raw);
+    return st;
 }
 
 }  // namespace
