@@ -582,9 +582,6 @@ KELA_SHARED_API int shared_kela_prefix_compare_ipv6_range(const uint8_t *addr, u
 KELA_SHARED_API int shared_kela_prefix_match(shared_kela_prefix_addr_td *value,
                                              shared_kela_prefix_matchspec_td *spec,
                                              shared_kela_prefix_cmp_td kind);
-/* 1 when the value is accepted by the address/mask-form entry. */
-KELA_SHARED_API int shared_kela_prefix_match_acl(shared_kela_prefix_addr_td *value,
-                                                 shared_kela_prefix_matchspec_td *spec);
 
 /* Registers a prefix attribute: "pfxmatch", "pfxlonger", "pfxorlonger" (each
  * a list of (address, length or mask, ge, le) segments), the setter
@@ -792,18 +789,6 @@ KELA_SHARED_API vogno shared_kela_rhr_cvt_string_to_pfx(const char *addr_text,
 KELA_SHARED_API vogno shared_kela_rhr_match(ip_rib_conn_p conn, rib_tableid_td table,
                                             shared_kela_prefix_matchspec_td *spec, int *found,
                                             ip_rib_route2 **route);
-KELA_SHARED_API vogno shared_kela_rhr_cmp_match_veri(uint32_t count, char **params, void *desc,
-                                                     char **msg);
-KELA_SHARED_API vogno shared_kela_rhr_cmp_match_cons(uint32_t count, char **params,
-                                                     void **slots, void *desc,
-                                                     rasf_inst_t **inst);
-KELA_SHARED_API vogno shared_kela_rhr_cmp_match_free(void *ctx);
-KELA_SHARED_API vogno shared_kela_rhr_cmp_async_veri(uint32_t count, char **params, void *desc,
-                                                     char **msg);
-KELA_SHARED_API vogno shared_kela_rhr_cmp_async_cons(uint32_t count, char **params,
-                                                     void **slots, void *desc,
-                                                     rasf_inst_t **inst);
-KELA_SHARED_API vogno shared_kela_rhr_cmp_async_free(void *ctx);
 KELA_SHARED_API vogno shared_kela_rhr_retr_veri(uint32_t count, char **params, void *desc,
                                                 char **msg);
 KELA_SHARED_API vogno shared_kela_rhr_retr_cons(uint32_t count, char **params, void **slots,
@@ -827,11 +812,6 @@ KELA_SHARED_API vogno shared_kela_track_base_init(void *reg_ctx, char *errbuf, i
                                                   const char *const *set_locs,
                                                   const char *const *retr_locs,
                                                   const char *const *attr_locs);
-KELA_SHARED_API vogno shared_kela_track_cmp_veri(uint32_t count, char **params, void *desc,
-                                                 char **msg);
-KELA_SHARED_API vogno shared_kela_track_cmp_cons(uint32_t count, char **params, void **slots,
-                                                 void *desc, rasf_inst_t **inst);
-KELA_SHARED_API vogno shared_kela_track_cmp_free(void *ctx);
 /* Given to the asynchronous client: forwards all its arguments to
  * pcli_async_object_track_callback. */
 KELA_SHARED_API vogno kela_async_object_track_callback(const char *name, uint32_t state,

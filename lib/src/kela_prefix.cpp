@@ -1,5 +1,6 @@
 // IP addresses, prefixes and match entries: parsing, printing, the
 // attribute's base functions, and single-prefix matching.
+#include "kela_callbacks.hpp"
 #include "kela_prefix.hpp"
 
 #include <cstdio>
@@ -300,7 +301,7 @@ KELA_SHARED_API int shared_kela_prefix_match(shared_kela_prefix_addr_td *value,
         "shared_kela_prefix_matchspec_td *, shared_kela_prefix_cmp_td)");
 }
 
-KELA_SHARED_API int shared_kela_prefix_match_acl(shared_kela_prefix_addr_td *value,
+int shared_kela_prefix_match_acl(shared_kela_prefix_addr_td *value,
                                                  shared_kela_prefix_matchspec_td *spec) {
     if (value == nullptr || spec == nullptr || value->family != spec->family) return 0;
     if (value->len < spec->ge || value->len > spec->le) return 0;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "kela_callbacks.hpp"
 #include "kela_prefix.hpp"
 #include "kela_segments.hpp"
 

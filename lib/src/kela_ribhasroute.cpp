@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "btree_s.h"
+#include "kela_callbacks.hpp"
 #include "kela_prefix.hpp"
 #include "kela_register.hpp"
 #include "kela_segments.hpp"
@@ -318,7 +319,7 @@ KELA_SHARED_API vogno shared_kela_rhr_match(ip_rib_conn_p conn, rib_tableid_td t
                                              found);
 }
 
-KELA_SHARED_API vogno shared_kela_rhr_cmp_match_veri(uint32_t count, char **params, void *,
+vogno shared_kela_rhr_cmp_match_veri(uint32_t count, char **params, void *,
                                                      char **msg) {
     if (vogno st = veri_checks(count, params, msg); st != 0) return st;
     return verify_entries(
@@ -330,7 +331,7 @@ KELA_SHARED_API vogno shared_kela_rhr_cmp_match_veri(uint32_t count, char **para
         });
 }
 
-KELA_SHARED_API vogno shared_kela_rhr_cmp_match_cons(uint32_t count, char **params, void **slots,
+vogno shared_kela_rhr_cmp_match_cons(uint32_t count, char **params, void **slots,
                                                      void *desc, rasf_inst_t **out) {
     if (vogno st = cons_checks(count, slots, desc); st != 0) return st;
     std::unique_ptr<MatchCtx, void (*)(MatchCtx *)> ctx(nullptr, free_match_ctx);
@@ -350,12 +351,12 @@ KELA_SHARED_API vogno shared_kela_rhr_cmp_match_cons(uint32_t count, char **para
     return st;
 }
 
-KELA_SHARED_API vogno shared_kela_rhr_cmp_match_free(void *ctx) {
+vogno shared_kela_rhr_cmp_match_free(void *ctx) {
     free_match_ctx(static_cast<MatchCtx *>(ctx));
     return 0;
 }
 
-KELA_SHARED_API vogno shared_kela_rhr_cmp_async_veri(uint32_t count, char **params, void *,
+vogno shared_kela_rhr_cmp_async_veri(uint32_t count, char **params, void *,
                                                      char **msg) {
     if (vogno st = veri_checks(count, params, msg); st != 0) return st;
     if (count > 5 * kMaxAsyncEntries) {
@@ -378,7 +379,7 @@ KELA_SHARED_API vogno shared_kela_rhr_cmp_async_veri(uint32_t count, char **para
         });
 }
 
-KELA_SHARED_API vogno shared_kela_rhr_cmp_async_cons(uint32_t count, char **params, void **slots,
+vogno shared_kela_rhr_cmp_async_cons(uint32_t count, char **params, void **slots,
                                                      void *desc, rasf_inst_t **out) {
     if (vogno st = cons_checks(count, slots, desc); st != 0) return st;
     kela::CPtr<AsyncCtx> ctx;
@@ -407,7 +408,7 @@ KELA_SHARED_API vogno shared_kela_rhr_cmp_async_cons(uint32_t count, char **para
     return st;
 }
 
-KELA_SHARED_API vogno shared_kela_rhr_cmp_async_free(void *context) {
+vogno shared_kela_rhr_cmp_async_free(void *context) {
     // The asynchronous client keeps the address of a context it was handed;
     // only one it never saw is released.
     auto *ctx = static_cast<AsyncCtx *>(context);

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "kela_callbacks.hpp"
 #include "kela_internal.hpp"
 #include "kela_register.hpp"
 #include "pcl_async.h"
@@ -83,7 +84,7 @@ constexpr kela::TypeSpec kSpec{"kela_track", nullptr, base_print, base_cmp, kOps
 
 extern "C" {
 
-KELA_SHARED_API vogno shared_kela_track_cmp_veri(uint32_t count, char **params, void *,
+vogno shared_kela_track_cmp_veri(uint32_t count, char **params, void *,
                                                  char **msg) {
     auto refuse = [&](vogno st, const char *text) {
         kela::msg_replace(msg, text);
@@ -101,7 +102,7 @@ KELA_SHARED_API vogno shared_kela_track_cmp_veri(uint32_t count, char **params, 
     return 0;
 }
 
-KELA_SHARED_API vogno shared_kela_track_cmp_cons(uint32_t count, char **params, void **slots,
+vogno shared_kela_track_cmp_cons(uint32_t count, char **params, void **slots,
                                                  void *desc, rasf_inst_t **out) {
     if (desc == nullptr) return KEL_SHARED_ERR_NO_PARAM_ARRAY;
     if (count != 0 && slots == nullptr) return KEL_SHARED_ERR_NULL_INPUT;
@@ -120,7 +121,7 @@ KELA_SHARED_API vogno shared_kela_track_cmp_cons(uint32_t count, char **params, 
     return st;
 }
 
-KELA_SHARED_API vogno shared_kela_track_cmp_free(void *context) {
+vogno shared_kela_track_cmp_free(void *context) {
     auto *ctx = static_cast<Ctx *>(context);
     if (ctx != nullptr) {
         std::free(ctx->name);

@@ -96,9 +96,13 @@ void routes_changed(int afi, rib_tableid_td table, const std::uint8_t *addr, uns
     // Notifications run outside the lock: the requester may call back in.
     for (auto [id, r] : changed)
         if (r->callback != nullptr)
-            r->callback(nullptr, reinterpret_cast<void *>(static_cast<std::uintptr_t>(id)),
-                        reinterpret_cast<void *>(static_cast<std::uintptr_t>(r->answer)), nullptr,
-                        nullptr, nullptr);
+            // The identifier and the answer travel as pointer-sized values.
+            r->callback(nullptr,
+                        reinterpret_cast<void *>(  // NOLINT(performance-no-int-to-ptr)
+                            static_cast<std::uintptr_t>(id)),
+                        reinterpret_cast<void *>(  // NOLINT(performance-no-int-to-ptr)
+                            static_cast<std::uintptr_t>(r->answer)),
+                        nullptr, nullptr, nullptr);
 }
 
 void async_reset() {

@@ -35,13 +35,15 @@ inline bool is_glue(Link l) {
 }
 inline radix_node *glue_owner(Link l) {
     // The tag marks the glue half; the owner is the header it belongs to.
-    auto *links =
-        reinterpret_cast<void **>(reinterpret_cast<std::uintptr_t>(l) & ~std::uintptr_t{1});
+    // Tagged links are the point of this layout.
+    auto *links = reinterpret_cast<void **>(  // NOLINT(performance-no-int-to-ptr)
+        reinterpret_cast<std::uintptr_t>(l) & ~std::uintptr_t{1});
     return reinterpret_cast<radix_node *>(reinterpret_cast<char *>(links) -
                                           offsetof(radix_node, rn_glue_link));
 }
 inline Link glue_link_of(radix_node *n) {
-    return reinterpret_cast<Link>(reinterpret_cast<std::uintptr_t>(&n->rn_glue_link) | 1u);
+    return reinterpret_cast<Link>(  // NOLINT(performance-no-int-to-ptr)
+        reinterpret_cast<std::uintptr_t>(&n->rn_glue_link) | 1u);
 }
 inline radix_node *entry_node(Link l) {
     return static_cast<radix_node *>(l);

@@ -11,10 +11,6 @@ namespace {
 
 constexpr std::uint32_t kLibraryComponent = 1801;
 
-constexpr vogno domain_status(std::uint32_t component, std::uint32_t n) {
-    return 0x40000000u | (component << 15) | (n << 9);
-}
-
 // Our stand-in for the library's separate error-text library: one sentence
 // per code of its domain.
 constexpr const char *kLibraryTexts[] = {

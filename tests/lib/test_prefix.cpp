@@ -8,6 +8,7 @@
 #include <random>
 
 #include "ipv4_range.h"
+#include "kela_callbacks.hpp"
 #include "kela_prefix.hpp"
 #include "support.hpp"
 #include "vog.h"

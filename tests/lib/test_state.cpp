@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "kela_callbacks.hpp"
 #include "kela_ref_state.h"
 #include "pcl_async.h"
 #include "support.hpp"

@@ -306,6 +306,8 @@ bool compile_one(const char *attr, kref_kind_t kind, const char *op, const char 
                  std::size_t column, kref_stmt_t **out, PolicyError &err) {
     std::vector<std::vector<const char *>> texts;
     std::vector<kref_item_t> raw;
+    texts.reserve(items.size());
+    raw.reserve(items.size());
     for (const auto &item : items) {
         texts.emplace_back();
         for (const auto &w : item) texts.back().push_back(w.c_str());
