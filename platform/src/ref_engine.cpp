@@ -117,7 +117,7 @@ extern "C" {
 vogno kref_compile(const char *attr_name, kref_kind_t kind, const char *name, const char *location,
                    size_t n_items, const kref_item_t *items, char **msg, kref_stmt_t **out) {
     if (attr_name == nullptr || out == nullptr || (n_items != 0 && items == nullptr) ||
-        kind < KREF_CMP || kind > KREF_RETR)
+        kind < KREF_CMP || kind > KREF_RETR || !kref::name_fits(kind, name))
         return KREF_ERR_BAD_ARG;
     for (std::size_t i = 0; i < n_items; ++i)
         if (items[i].n != 0 && items[i].texts == nullptr) return KREF_ERR_BAD_ARG;
@@ -185,7 +185,7 @@ vogno kref_eval(kref_stmt_t *stmt, void *route, const kref_eval_rec_t *rec, int3
     }
     if (i->cmp_async != nullptr)
         return i->cmp_async(route, i->count, i->slots, i->ctx, outcome, nullptr,
-                            rec != nullptr ? rec->key : 0);
+                            0);
     if (i->cmp != nullptr) return i->cmp(route, i->count, i->slots, i->ctx, outcome);
     return KREF_ERR_NO_FUNC;
 }
@@ -217,24 +217,29 @@ char *kref_stmt_print(const kref_stmt_t *stmt) {
 void kref_stmt_free(kref_stmt_t *stmt) {
     if (stmt == nullptr) return;
     if (stmt->free_fn != nullptr) stmt->free_fn(stmt->inst->ctx);
-    kref::destroy_instance(stmt->inst);
+    // Through the operation a library would use, so that it shows in the
+    // trace; the statement still owns the record if an injected fault
+    // refused the release.
+    bool released = false;
+    kref::release_instance(stmt->kind, stmt->inst, released);
+    if (!released) kref::destroy_instance(stmt->inst);
     delete stmt;
 }
 
 kref_kind_t kref_stmt_kind(const kref_stmt_t *stmt) {
-    return stmt->kind;
+    return stmt != nullptr ? stmt->kind : KREF_CMP;
 }
 rasf_inst_t *kref_stmt_instance(const kref_stmt_t *stmt) {
-    return stmt->inst;
+    return stmt != nullptr ? stmt->inst : nullptr;
 }
 uint32_t kref_stmt_count(const kref_stmt_t *stmt) {
-    return stmt->count;
+    return stmt != nullptr ? stmt->count : 0;
 }
 char **kref_stmt_params(const kref_stmt_t *stmt) {
-    return stmt->params;
+    return stmt != nullptr ? stmt->params : nullptr;
 }
 void **kref_stmt_slots(const kref_stmt_t *stmt) {
-    return stmt->slots;
+    return stmt != nullptr ? stmt->slots : nullptr;
 }
 
 char *kref_attr_print(const rasf_attr_t *attr, void *route) {

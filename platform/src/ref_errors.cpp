@@ -96,10 +96,11 @@ const char *vog_strerror(vogno status) {
 }
 
 void vup_errmsg(const vup_msg_rec_td *rec, int level, ...) {
-    // A fault on the message facility drops the message.
-    if (kref::enter("vup_errmsg", {rec != nullptr ? rec->mnemonic : nullptr, std::int64_t{level}})
-            .fire)
-        return;
+    // The facility reports nothing back: a fault armed before the operation
+    // drops the message, one armed after it changes nothing.
+    const kref::Fault f =
+        kref::enter("vup_errmsg", {rec != nullptr ? rec->mnemonic : nullptr, std::int64_t{level}});
+    if (f.fire && !f.after) return;
     if (rec == nullptr || rec->format == nullptr) return;
     va_list ap, copy;
     va_start(ap, level);

@@ -2,6 +2,7 @@
 // one atomic load per platform call.
 #include <cstdio>
 #include <cstring>
+#include <deque>
 
 #include "kela_ref_hooks.h"
 #include "ref_internal.hpp"
@@ -20,9 +21,11 @@ struct Hooks {
     std::atomic<bool> tracing{false};
     std::atomic<bool> faults_armed{false};
     std::atomic<bool> capturing{false};
-    std::vector<std::string> trace;
+    // Deques: a line handed out by kref_trace_at / kref_log_at must not move
+    // when later lines are added (short lines live inside the std::string).
+    std::deque<std::string> trace;
     std::vector<ArmedFault> faults;
-    std::vector<std::string> log;
+    std::deque<std::string> log;
 };
 
 Hooks &hooks() {
@@ -80,10 +83,12 @@ Fault enter(const char *op, std::initializer_list<Arg> args) {
 
 void log_line(const std::string &line) {
     Hooks &h = hooks();
-    if (h.capturing) {
+    if (h.capturing.load(std::memory_order_relaxed)) {
         std::lock_guard lock(h.mu);
-        h.log.push_back(line);
-        return;
+        if (h.capturing) {  // capture may have stopped meanwhile
+            h.log.push_back(line);
+            return;
+        }
     }
     std::fprintf(stderr, "%s\n", line.c_str());
 }

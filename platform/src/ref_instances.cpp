@@ -2,11 +2,34 @@
 // Releasing an instance never touches its instance context.
 #include "ref_internal.hpp"
 
+namespace {
+
+vogno free_instance(kref_kind_t kind, rasf_inst_t *inst) {
+    if (inst == nullptr || inst->kind != kind) return KREF_ERR_BAD_ARG;
+    kref::destroy_instance(inst);
+    return 0;
+}
+
+}  // namespace
+
 namespace kref {
+
 void destroy_instance(rasf_inst *inst) {
     delete inst;
     --registry().live_instances;
 }
+
+vogno release_instance(kref_kind_t kind, rasf_inst *inst, bool &released) {
+    static constexpr const char *kOps[] = {"rasf_free_cmp_instance", "rasf_free_set_instance",
+                                           "rasf_free_retriever_instance"};
+    released = false;
+    if (kind < KREF_CMP || kind > KREF_RETR) return KREF_ERR_BAD_ARG;
+    KREF_ENTER(kOps[kind]);
+    const vogno st = free_instance(kind, inst);
+    released = st == 0;
+    return KREF_RESULT(st);
+}
+
 }  // namespace kref
 
 namespace {
@@ -16,12 +39,6 @@ vogno new_instance(kref_kind_t kind, rasf_inst_t **inst, uint32_t count, char **
     if (inst == nullptr) return KREF_ERR_BAD_ARG;
     *inst = new rasf_inst{kind, count, params, slots, ctx};
     ++kref::registry().live_instances;
-    return 0;
-}
-
-vogno free_instance(kref_kind_t kind, rasf_inst_t *inst) {
-    if (inst == nullptr || inst->kind != kind) return KREF_ERR_BAD_ARG;
-    kref::destroy_instance(inst);
     return 0;
 }
 
@@ -69,8 +86,8 @@ vogno rasf_kela_add_cmp_instance_function_update(rasf_inst_t *inst, rasf_update_
 }
 
 vogno rasf_free_cmp_instance(rasf_inst_t *inst) {
-    KREF_ENTER("rasf_free_cmp_instance");
-    return KREF_RESULT(free_instance(KREF_CMP, inst));
+    bool released = false;
+    return kref::release_instance(KREF_CMP, inst, released);
 }
 
 vogno rasf_new_set_instance(rasf_inst_t **inst, uint32_t count, char **params, void **slots,
@@ -90,8 +107,8 @@ vogno rasf_kela_add_set_instance_function_print(rasf_inst_t *inst, rasf_set_prin
 }
 
 vogno rasf_free_set_instance(rasf_inst_t *inst) {
-    KREF_ENTER("rasf_free_set_instance");
-    return KREF_RESULT(free_instance(KREF_SET, inst));
+    bool released = false;
+    return kref::release_instance(KREF_SET, inst, released);
 }
 
 vogno rasf_new_retriever_instance(rasf_inst_t **inst, uint32_t count, char **params, void **slots,
@@ -106,8 +123,8 @@ vogno rasf_kela_add_retriever_instance_function_retrieve(rasf_inst_t *inst, rasf
 }
 
 vogno rasf_free_retriever_instance(rasf_inst_t *inst) {
-    KREF_ENTER("rasf_free_retriever_instance");
-    return KREF_RESULT(free_instance(KREF_RETR, inst));
+    bool released = false;
+    return kref::release_instance(KREF_RETR, inst, released);
 }
 
 vogno kref_inst_get(const rasf_inst_t *inst, kref_inst_info_t *out) {

@@ -9,6 +9,7 @@
 #include <initializer_list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <variant>
 #include <vector>
@@ -57,8 +58,8 @@ struct Op {
     rasf_construct_fn construct = nullptr;
     rasf_free_fn free_fn = nullptr;
     void *desc = nullptr;
-    std::string value_type;  // retriever only
-    std::string version;     // retriever only
+    std::optional<std::string> value_type;  // retriever only
+    std::optional<std::string> version;     // retriever only
     Texts locations;         // in the order added, duplicates kept
     std::unique_ptr<rasf_args> args;
 };
@@ -107,11 +108,21 @@ struct Registry {
 };
 Registry &registry();
 
+// Whether `name` fits the kind: operators and setters have one, the
+// retriever has none.
+inline bool name_fits(kref_kind_t kind, const char *name) {
+    return (kind == KREF_RETR) == (name == nullptr);
+}
+
 // Looks an operator, setter or retriever up (name null: the retriever).
 Op *find_op(const rasf_attr *attr, kref_kind_t kind, const char *name);
 
 // Releases an instance record without going through the traced operation.
 void destroy_instance(rasf_inst *inst);
+
+// The traced operation behind rasf_free_*_instance.  `released` tells whether
+// the record is gone: a fault injected before the operation keeps it.
+vogno release_instance(kref_kind_t kind, rasf_inst *inst, bool &released);
 
 // ---- hooks -----------------------------------------------------------------------
 

@@ -42,7 +42,7 @@ const char *attr_name(const rasf_attr *attr) {
 vogno add_op(kref_kind_t kind, const char *name, rasf_attr *attr, rasf_verify_fn verify,
              rasf_construct_fn construct, rasf_free_fn free_fn, void *desc, const char *value_type,
              const char *version) {
-    if (attr == nullptr || (kind != KREF_RETR && name == nullptr)) return KREF_ERR_BAD_ARG;
+    if (attr == nullptr || !kref::name_fits(kind, name)) return KREF_ERR_BAD_ARG;
     std::lock_guard lock(kref::registry().mu);
     if (kref::find_op(attr, kind, name) != nullptr) return KREF_ERR_EXISTS;
     auto op = std::make_unique<kref::Op>();
@@ -52,14 +52,15 @@ vogno add_op(kref_kind_t kind, const char *name, rasf_attr *attr, rasf_verify_fn
     op->construct = construct;
     op->free_fn = free_fn;
     op->desc = desc;
-    if (value_type != nullptr) op->value_type = value_type;
-    if (version != nullptr) op->version = version;
+    if (value_type != nullptr) op->value_type.emplace(value_type);
+    if (version != nullptr) op->version.emplace(version);
     attr->ops[kind].push_back(std::move(op));
     return 0;
 }
 
 vogno add_op_location(kref_kind_t kind, const char *name, rasf_attr *attr, const char *location) {
-    if (attr == nullptr || location == nullptr) return KREF_ERR_BAD_ARG;
+    if (attr == nullptr || location == nullptr || !kref::name_fits(kind, name))
+        return KREF_ERR_BAD_ARG;
     std::lock_guard lock(kref::registry().mu);
     kref::Op *op = kref::find_op(attr, kind, name);
     if (op == nullptr) return KREF_ERR_NOT_FOUND;
@@ -69,7 +70,7 @@ vogno add_op_location(kref_kind_t kind, const char *name, rasf_attr *attr, const
 }
 
 vogno add_op_args(kref_kind_t kind, const char *name, rasf_attr *attr, rasf_args_t *args) {
-    if (attr == nullptr || args == nullptr) return KREF_ERR_BAD_ARG;
+    if (attr == nullptr || args == nullptr || !kref::name_fits(kind, name)) return KREF_ERR_BAD_ARG;
     std::lock_guard lock(kref::registry().mu);
     kref::Op *op = kref::find_op(attr, kind, name);
     if (op == nullptr) return KREF_ERR_NOT_FOUND;
@@ -131,26 +132,22 @@ vogno rasf_kela_add_location(const char *location, rasf_attr_t *attr) {
 
 vogno rasf_kela_add_base_function_print(rasf_attr_t *attr, rasf_base_print_fn fn, void *desc) {
     KREF_ENTER("rasf_kela_add_base_function_print", attr_name(attr));
-    vogno st = attr == nullptr || fn == nullptr ? KREF_ERR_BAD_ARG
-               : attr->print != nullptr         ? KREF_ERR_EXISTS
-                                                : 0;
-    if (st == 0) {
-        attr->print = fn;
-        attr->print_desc = desc;
-    }
-    return KREF_RESULT(st);
+    if (attr == nullptr || fn == nullptr) return KREF_RESULT(KREF_ERR_BAD_ARG);
+    std::lock_guard lock(kref::registry().mu);
+    if (attr->print != nullptr) return KREF_RESULT(KREF_ERR_EXISTS);
+    attr->print = fn;
+    attr->print_desc = desc;
+    return KREF_RESULT(0);
 }
 
 vogno rasf_kela_add_base_function_cmp(rasf_attr_t *attr, rasf_base_cmp_fn fn, void *desc) {
     KREF_ENTER("rasf_kela_add_base_function_cmp", attr_name(attr));
-    vogno st = attr == nullptr || fn == nullptr ? KREF_ERR_BAD_ARG
-               : attr->cmp != nullptr           ? KREF_ERR_EXISTS
-                                                : 0;
-    if (st == 0) {
-        attr->cmp = fn;
-        attr->cmp_desc = desc;
-    }
-    return KREF_RESULT(st);
+    if (attr == nullptr || fn == nullptr) return KREF_RESULT(KREF_ERR_BAD_ARG);
+    std::lock_guard lock(kref::registry().mu);
+    if (attr->cmp != nullptr) return KREF_RESULT(KREF_ERR_EXISTS);
+    attr->cmp = fn;
+    attr->cmp_desc = desc;
+    return KREF_RESULT(0);
 }
 
 // ---- operators, setters, retrievers ---------------------------------------------
@@ -229,7 +226,9 @@ vogno rasf_args_single_add(rasf_args_t *args, const char *type, const char *vers
 vogno rasf_args_infinite_add(rasf_args_t *args, const char *type, const char *version,
                              int32_t lower) {
     KREF_ENTER("rasf_args_infinite_add", type, version, std::int64_t{lower});
-    return KREF_RESULT(add_arg(args, KREF_ARG_INFINITE, type, version, lower, -1));
+    vogno st = lower < 0 ? KREF_ERR_BAD_ARG
+                         : add_arg(args, KREF_ARG_INFINITE, type, version, lower, -1);
+    return KREF_RESULT(st);
 }
 
 vogno rasf_args_n_add(rasf_args_t *args, const char *type, const char *version, int32_t lower,
@@ -284,21 +283,27 @@ void *kref_attr_reg_ctx(const rasf_attr_t *attr) {
 }
 
 size_t kref_attr_location_count(const rasf_attr_t *attr) {
-    return attr != nullptr ? attr->locations.size() : 0;
+    if (attr == nullptr) return 0;
+    std::lock_guard lock(kref::registry().mu);
+    return attr->locations.size();
 }
 
 const char *kref_attr_location_at(const rasf_attr_t *attr, size_t i) {
-    return attr != nullptr && i < attr->locations.size() ? attr->locations.data()[i] : nullptr;
+    if (attr == nullptr) return nullptr;
+    std::lock_guard lock(kref::registry().mu);
+    return i < attr->locations.size() ? attr->locations.data()[i] : nullptr;
 }
 
 rasf_base_print_fn kref_attr_base_print(const rasf_attr_t *attr, void **desc) {
     if (attr == nullptr) return nullptr;
+    std::lock_guard lock(kref::registry().mu);
     if (desc != nullptr) *desc = attr->print_desc;
     return attr->print;
 }
 
 rasf_base_cmp_fn kref_attr_base_cmp(const rasf_attr_t *attr, void **desc) {
     if (attr == nullptr) return nullptr;
+    std::lock_guard lock(kref::registry().mu);
     if (desc != nullptr) *desc = attr->cmp_desc;
     return attr->cmp;
 }
@@ -315,8 +320,8 @@ static void fill_op_info(const kref::Op &op, kref_op_info_t *out) {
     out->construct = op.construct;
     out->free_fn = op.free_fn;
     out->desc = op.desc;
-    out->value_type = op.value_type.empty() ? nullptr : op.value_type.c_str();
-    out->version = op.version.empty() ? nullptr : op.version.c_str();
+    out->value_type = op.value_type ? op.value_type->c_str() : nullptr;
+    out->version = op.version ? op.version->c_str() : nullptr;
     out->n_locations = op.locations.size();
     out->locations = op.locations.data();
     out->args = op.args.get();

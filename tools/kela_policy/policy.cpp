@@ -32,8 +32,10 @@ std::vector<Token> tokenize(const std::string &line) {
             ++at;
         } else {
             const std::size_t start = at;
-            while (at < line.size() && !std::isspace(static_cast<unsigned char>(line[at])) &&
-                   std::strchr(depth > 0 ? "{},#" : "{}#", line[at]) == nullptr)
+            // (strchr would find a NUL byte of the text at the set's end)
+            while (
+                at < line.size() && !std::isspace(static_cast<unsigned char>(line[at])) &&
+                (line[at] == '\0' || std::strchr(depth > 0 ? "{},#" : "{}#", line[at]) == nullptr))
                 ++at;
             out.push_back({line.substr(start, at - start), start + 1});
         }

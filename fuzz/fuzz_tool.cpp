@@ -1,0 +1,22 @@
+// kela-policy's policy and route parsers, and the compilation of what parses.
+#include <string>
+
+#include "client.hpp"
+#include "policy.hpp"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
+    static bool registered = [] {
+        std::string error;
+        return kp::register_attributes(error) == 0;
+    }();
+    if (!registered) return 0;
+    const std::string text(reinterpret_cast<const char *>(data), size);
+    kp::Route r;
+    kp::RouteError rerr;
+    (void)kp::parse_route_text(text, r, rerr);
+    (void)kp::parse_route_json(text, r, rerr);
+    kp::Policy policy;
+    kp::PolicyError perr;
+    if (kp::parse_policy(text, policy, perr)) (void)kp::compile_policy(policy, "import", perr);
+    return 0;
+}
