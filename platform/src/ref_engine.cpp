@@ -165,7 +165,7 @@ vogno kref_compile(const char *attr_name, kref_kind_t kind, const char *name, co
     rasf_inst_t *inst = nullptr;
     st = op_copy.construct(stmt->count, params, slots, op_copy.desc, &inst);
     if (st != 0) return st;
-    if (inst == nullptr) return KREF_ERR_BAD_ARG;
+    if (inst == nullptr) return 0;
     if (inst->kind != kind) {
         if (op_copy.free_fn != nullptr) op_copy.free_fn(inst->ctx);
         kref::destroy_instance(inst);
@@ -185,7 +185,7 @@ vogno kref_eval(kref_stmt_t *stmt, void *route, const kref_eval_rec_t *rec, int3
     }
     if (i->cmp_async != nullptr)
         return i->cmp_async(route, i->count, i->slots, i->ctx, outcome, nullptr,
-                            0);
+                            rec != nullptr ? rec->key : 0);
     if (i->cmp != nullptr) return i->cmp(route, i->count, i->slots, i->ctx, outcome);
     return KREF_ERR_NO_FUNC;
 }
