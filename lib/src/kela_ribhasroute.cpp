@@ -2,6 +2,7 @@
 // entry of a prefix set?  "in" asks the routing-table client while a route
 // is evaluated; "async" hands the question to the asynchronous policy client
 // once per evaluation key and reads its answer back.
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 
@@ -223,7 +224,7 @@ vogno async_update(void *rec, void *context, std::uint32_t count, char **params)
         if (vogno ins = info_insert(ctx->info_list, ev.key, cell.get()); ins != 0) return ins;
         cell.release();  // the tree keeps it
         pcli_rhr_async_set_ctx(ev.key, ctx);
-        ctx->handed = 1;
+        std::atomic_ref<std::uint32_t>(ctx->handed).store(1, std::memory_order_relaxed);
         return 0;
     }
     return st;
@@ -319,8 +320,7 @@ KELA_SHARED_API vogno shared_kela_rhr_match(ip_rib_conn_p conn, rib_tableid_td t
                                              found);
 }
 
-vogno shared_kela_rhr_cmp_match_veri(uint32_t count, char **params, void *,
-                                                     char **msg) {
+vogno shared_kela_rhr_cmp_match_veri(uint32_t count, char **params, void *, char **msg) {
     if (vogno st = veri_checks(count, params, msg); st != 0) return st;
     return verify_entries(
         count, params, msg,
@@ -331,8 +331,8 @@ vogno shared_kela_rhr_cmp_match_veri(uint32_t count, char **params, void *,
         });
 }
 
-vogno shared_kela_rhr_cmp_match_cons(uint32_t count, char **params, void **slots,
-                                                     void *desc, rasf_inst_t **out) {
+vogno shared_kela_rhr_cmp_match_cons(uint32_t count, char **params, void **slots, void *desc,
+                                     rasf_inst_t **out) {
     if (vogno st = cons_checks(count, slots, desc); st != 0) return st;
     std::unique_ptr<MatchCtx, void (*)(MatchCtx *)> ctx(nullptr, free_match_ctx);
     if (count != 0) {
@@ -356,8 +356,7 @@ vogno shared_kela_rhr_cmp_match_free(void *ctx) {
     return 0;
 }
 
-vogno shared_kela_rhr_cmp_async_veri(uint32_t count, char **params, void *,
-                                                     char **msg) {
+vogno shared_kela_rhr_cmp_async_veri(uint32_t count, char **params, void *, char **msg) {
     if (vogno st = veri_checks(count, params, msg); st != 0) return st;
     if (count > 5 * kMaxAsyncEntries) {
         kela::msg_replace(msg,
@@ -379,8 +378,8 @@ vogno shared_kela_rhr_cmp_async_veri(uint32_t count, char **params, void *,
         });
 }
 
-vogno shared_kela_rhr_cmp_async_cons(uint32_t count, char **params, void **slots,
-                                                     void *desc, rasf_inst_t **out) {
+vogno shared_kela_rhr_cmp_async_cons(uint32_t count, char **params, void **slots, void *desc,
+                                     rasf_inst_t **out) {
     if (vogno st = cons_checks(count, slots, desc); st != 0) return st;
     kela::CPtr<AsyncCtx> ctx;
     if (count != 0) {

@@ -1,6 +1,7 @@
 // The "track" attribute: is a tracked object up or down?  The update
 // function registers interest with the asynchronous policy client; the
 // compare reads the state it computes.
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 
@@ -29,12 +30,20 @@ vogno update(void *rec, void *context, std::uint32_t count, char **params) {
     // An instance compiled without parameters has no context to fill.
     if (ctx == nullptr) return KEL_SHARED_ERR_NO_PARAM_ARRAY;
     const char *name = params[1];
-    char *copy = strdup(name);
-    if (copy == nullptr) return KEL_SHARED_ERR_NO_MEMORY;
-    std::free(ctx->name);  // the context keeps only the newest copy
-    ctx->name = copy;
+    // The instance's parameters never change, so the first copy of the name
+    // serves every later update; the context is then only read, which lets
+    // evaluations run on several threads at once.
+    std::atomic_ref<char *> held(ctx->name);
+    if (held.load(std::memory_order_acquire) == nullptr) {
+        char *copy = strdup(name);
+        if (copy == nullptr) return KEL_SHARED_ERR_NO_MEMORY;
+        char *expected = nullptr;
+        if (!held.compare_exchange_strong(expected, copy, std::memory_order_acq_rel))
+            std::free(copy);
+    }
     pcli_aysnc_ot_update_track_names(rec, count, params);
-    if (const std::uint8_t s = state_of(params[2]); s != 0) ctx->state = s;
+    if (const std::uint8_t s = state_of(params[2]); s != 0)
+        std::atomic_ref<std::uint8_t>(ctx->state).store(s, std::memory_order_relaxed);
     const std::uint32_t wanted = state_of(params[2]);
     std::uint32_t known = 0;
     if (pcl_async_search_track_name(name, &known) != 0) return 0;
@@ -50,8 +59,11 @@ vogno update(void *rec, void *context, std::uint32_t count, char **params) {
 vogno run(void *, std::uint32_t, void **, void *context, std::int32_t *outcome) {
     auto *ctx = static_cast<Ctx *>(context);
     if (ctx == nullptr) return 2;
-    if (ctx->name == nullptr) return 0;  // not updated yet
-    if (outcome != nullptr) *outcome = pcl_aysnc_ot_compute_state(ctx->name, ctx->state);
+    const char *name = std::atomic_ref<char *>(ctx->name).load(std::memory_order_acquire);
+    if (name == nullptr) return 0;  // not updated yet
+    const std::uint8_t state =
+        std::atomic_ref<std::uint8_t>(ctx->state).load(std::memory_order_relaxed);
+    if (outcome != nullptr) *outcome = pcl_aysnc_ot_compute_state(name, state);
     return 0;
 }
 
@@ -84,8 +96,7 @@ constexpr kela::TypeSpec kSpec{"kela_track", nullptr, base_print, base_cmp, kOps
 
 extern "C" {
 
-vogno shared_kela_track_cmp_veri(uint32_t count, char **params, void *,
-                                                 char **msg) {
+vogno shared_kela_track_cmp_veri(uint32_t count, char **params, void *, char **msg) {
     auto refuse = [&](vogno st, const char *text) {
         kela::msg_replace(msg, text);
         return st;
@@ -102,8 +113,8 @@ vogno shared_kela_track_cmp_veri(uint32_t count, char **params, void *,
     return 0;
 }
 
-vogno shared_kela_track_cmp_cons(uint32_t count, char **params, void **slots,
-                                                 void *desc, rasf_inst_t **out) {
+vogno shared_kela_track_cmp_cons(uint32_t count, char **params, void **slots, void *desc,
+                                 rasf_inst_t **out) {
     if (desc == nullptr) return KEL_SHARED_ERR_NO_PARAM_ARRAY;
     if (count != 0 && slots == nullptr) return KEL_SHARED_ERR_NULL_INPUT;
     kela::CPtr<Ctx> ctx;

@@ -48,8 +48,10 @@ struct CallbackAllocator {
 using Map = std::map<std::uint64_t, void *, std::less<>,
                      CallbackAllocator<std::pair<const std::uint64_t, void *>>>;
 
+// Requesters evaluate on any thread: each tree takes its own lock.
 struct Tree {
     Callbacks cb;
+    std::mutex mu;
     Map map;
     explicit Tree(Callbacks c)
         : cb(c), map(CallbackAllocator<std::pair<const std::uint64_t, void *>>(&cb)) {}
@@ -73,7 +75,9 @@ vogno btree_s_init(uint32_t, btree_s_alloc_fn alloc, btree_s_free_fn release, vo
 
 vogno btree_s_find(void *tree, uint64_t key, void **value) {
     if (tree == nullptr) return 1;
-    const Map &m = static_cast<Tree *>(tree)->map;
+    Tree *t = static_cast<Tree *>(tree);
+    std::lock_guard lock(t->mu);
+    const Map &m = t->map;
     auto it = m.find(key);
     if (it == m.end()) return 1;
     if (value != nullptr) *value = it->second;
@@ -82,8 +86,10 @@ vogno btree_s_find(void *tree, uint64_t key, void **value) {
 
 vogno btree_s_insert(void *tree, uint64_t key, void *value, uint32_t) {
     if (tree == nullptr) return 1;
+    Tree *t = static_cast<Tree *>(tree);
+    std::lock_guard lock(t->mu);
     try {
-        return static_cast<Tree *>(tree)->map.try_emplace(key, value).second ? 0 : 1;
+        return t->map.try_emplace(key, value).second ? 0 : 1;
     } catch (const Refused &r) {
         return r.status;
     }

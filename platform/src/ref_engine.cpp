@@ -165,7 +165,7 @@ vogno kref_compile(const char *attr_name, kref_kind_t kind, const char *name, co
     rasf_inst_t *inst = nullptr;
     st = op_copy.construct(stmt->count, params, slots, op_copy.desc, &inst);
     if (st != 0) return st;
-    if (inst == nullptr) return 0;
+    if (inst == nullptr) return KREF_ERR_BAD_ARG;
     if (inst->kind != kind) {
         if (op_copy.free_fn != nullptr) op_copy.free_fn(inst->ctx);
         kref::destroy_instance(inst);

@@ -60,7 +60,7 @@ struct Op {
     void *desc = nullptr;
     std::optional<std::string> value_type;  // retriever only
     std::optional<std::string> version;     // retriever only
-    Texts locations;         // in the order added, duplicates kept
+    Texts locations;                        // in the order added, duplicates kept
     std::unique_ptr<rasf_args> args;
 };
 
@@ -140,7 +140,9 @@ struct Fault {
 Fault enter(const char *op, std::initializer_list<Arg> args);
 
 // The status of an operation whose body ran: an "after" fault replaces it.
-inline vogno result(const Fault &f, vogno body_status) { return f.fire ? f.status : body_status; }
+inline vogno result(const Fault &f, vogno body_status) {
+    return f.fire ? f.status : body_status;
+}
 
 // Keeps or prints a logged line.
 void log_line(const std::string &line);

