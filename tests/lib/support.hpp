@@ -19,6 +19,9 @@
 
 namespace kt {
 
+// "import" and "export".
+inline const char *const kLocations[] = {"import", "export", nullptr};
+
 // A parameter vector as the framework hands it over: texts (null for a
 // variable) and parallel value slots (null for a variable).
 class Params {
