@@ -188,6 +188,8 @@ struct Injected {
     bool frees_args;  // the library must release the list it built
 };
 
+void PrintTo(const Injected &i, std::ostream *os) { *os << i.op << " #" << i.nth; }
+
 class FirstFailure : public kt::FrameworkTest, public ::testing::WithParamInterface<Injected> {};
 
 TEST_P(FirstFailure, StopsWritesItsMessageAndReturnsItsStatus) {
