@@ -157,10 +157,22 @@ bool set_track(const std::string &name, const std::string &state) {
     return kref_track_set(name.c_str(), state == "up") == 0;
 }
 
-// The printed values of the attributes a policy can change.
-std::vector<std::string> snapshot(kp::Route &r) {
+// The attributes a rule's actions set, each once, in the order set.
+std::vector<std::string> set_by(const kp::Rule &rule) {
+    std::vector<std::string> names;
+    for (const kp::Action &a : rule.actions) {
+        bool seen = false;
+        for (const auto &n : names) seen = seen || n == a.attr;
+        if (!seen) names.push_back(a.attr);
+    }
+    return names;
+}
+
+// Their printed values: only what a rule may change is printed, so routes
+// that no action touches cost nothing here.
+std::vector<std::string> snapshot(const std::vector<std::string> &names, kp::Route &r) {
     std::vector<std::string> out;
-    for (const std::string &name : kp::settable_attributes()) {
+    for (const std::string &name : names) {
         char *text = kref_attr_print(kref_attr_find(name.c_str()), &r);
         out.emplace_back(text != nullptr ? text : "?");
         std::free(text);
@@ -210,12 +222,12 @@ Outcome evaluate(kp::Policy &policy, kp::Route &r, std::uint64_t key, bool expla
         out.accept = rule.accept;
         ++rule.hits;
         if (!rule.actions.empty()) {
-            const std::vector<std::string> before = snapshot(r);
+            const std::vector<std::string> names = set_by(rule);
+            const std::vector<std::string> before = snapshot(names, r);
             for (kp::Action &a : rule.actions) kref_apply(a.stmt, &r);
-            const std::vector<std::string> after = snapshot(r);
-            for (std::size_t i = 0; i < before.size(); ++i)
-                if (before[i] != after[i])
-                    out.changes.push_back({kp::settable_attributes()[i], {before[i], after[i]}});
+            const std::vector<std::string> after = snapshot(names, r);
+            for (std::size_t i = 0; i < names.size(); ++i)
+                if (before[i] != after[i]) out.changes.push_back({names[i], {before[i], after[i]}});
         }
         break;
     }
