@@ -7,8 +7,10 @@
  * significant bit of the first byte) at one byte offset and its key length
  * in bits (0 to 128) in an 8-bit field at another; both offsets are given
  * when the tree is created.  An entry's key and length must not change while
- * it is in the tree.  Lookups neither allocate nor lock: a tree may be read
- * by any number of threads at once while nobody inserts.
+ * it is in the tree.  A tree may be read by any number of threads at once
+ * while nobody inserts.  Lookups neither allocate nor lock, except the
+ * first lookup after inserts into a large tree, which builds the tree's
+ * lookup index (once, under the tree's own lock).
  */
 #ifndef KELA_PLATFORM_RADIX_H
 #define KELA_PLATFORM_RADIX_H

@@ -10,20 +10,35 @@
 // Child links are tagged: low bit set = glue node (address of an entry's
 // rn_glue_link), clear = entry.  Along a path the tested bits strictly
 // increase, so lookups only ever walk downwards.
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <new>
 #include <vector>
 
 #include "radix.h"
 
+// Large trees get a direct index of their first 16 bits, built by the first
+// lookup after the last insert: for each 16-bit prefix, the best entry
+// shorter than 16 bits on its path and the link where the walk goes on.  A
+// lookup then starts near the depth of its answer instead of at the root,
+// which keeps large sets from paying one cache miss per upper level.
+struct RadixIndex {
+    void **start[1u << 16];      // link to walk on from; null: the walk ends
+    radix_node *best[1u << 16];  // best entry shorter than 16 bits
+};
+
 struct radix_head {
-    std::size_t key_offset;
-    std::size_t keylen_offset;
-    rn_destructor_fn destructor;
-    void *root;  // tagged link
-    std::size_t count;
+    std::size_t key_offset = 0;
+    std::size_t keylen_offset = 0;
+    rn_destructor_fn destructor = nullptr;
+    void *root = nullptr;  // tagged link
+    std::size_t count = 0;
+    std::atomic<RadixIndex *> index{nullptr};
+    std::mutex index_mu;
 };
 
 namespace {
@@ -89,13 +104,60 @@ radix_node *some_entry(Link l) {
     return entry_node(l);
 }
 
+// Trees below this size are walked from the root: their upper levels stay
+// in the cache anyway, and the index would cost more than the tree.
+constexpr std::size_t kIndexFrom = 4096;
+
+void build_index(const radix_head *h, RadixIndex &ix) {
+    const Tree t{h};
+    for (unsigned p = 0; p < (1u << 16); ++p) {
+        const std::uint8_t k[2] = {static_cast<std::uint8_t>(p >> 8), static_cast<std::uint8_t>(p)};
+        void **at = const_cast<void **>(&h->root);
+        radix_node *best = nullptr;
+        for (;;) {
+            Link l = *at;
+            if (l == nullptr) break;
+            if (is_glue(l)) {
+                radix_node *g = glue_owner(l);
+                if (g->rn_glue_bit >= 16) break;
+                at = &g->rn_glue_link[bit_at(k, g->rn_glue_bit)];
+                continue;
+            }
+            radix_node *e = entry_node(l);
+            const unsigned el = t.len(e);
+            if (el >= 16) break;
+            if (!prefix_equal(t.key(e), k, el)) {
+                at = nullptr;  // nothing below can match
+                break;
+            }
+            best = e;
+            at = &e->rn_link[bit_at(k, el)];
+        }
+        ix.start[p] = at;
+        ix.best[p] = best;
+    }
+}
+
+// The index of a large tree, made by the first lookup that needs it; null
+// when it cannot be allocated (lookups then walk from the root).
+const RadixIndex *index_of(radix_head *h) {
+    if (const RadixIndex *ix = h->index.load(std::memory_order_acquire)) return ix;
+    std::lock_guard lock(h->index_mu);
+    if (const RadixIndex *ix = h->index.load(std::memory_order_relaxed)) return ix;
+    auto *ix = new (std::nothrow) RadixIndex;
+    if (ix == nullptr) return nullptr;
+    build_index(h, *ix);
+    h->index.store(ix, std::memory_order_release);
+    return ix;
+}
+
 }  // namespace
 
 extern "C" {
 
 struct radix_head *rn_tree_init(size_t key_offset, size_t keylen_offset,
                                 rn_destructor_fn destructor) {
-    auto *h = static_cast<radix_head *>(std::calloc(1, sizeof(radix_head)));
+    auto *h = new (std::nothrow) radix_head;
     if (h == nullptr) return nullptr;
     h->key_offset = key_offset;
     h->keylen_offset = keylen_offset;
@@ -114,6 +176,8 @@ int rn_insert(struct radix_head *head, void *entry) {
     const std::uint8_t *k = t.key(n);
     const unsigned len = t.len(n);
     if (len > 128) return -1;
+    // Inserts never run beside lookups: the index is simply made anew later.
+    delete head->index.exchange(nullptr);
     n->rn_link[0] = n->rn_link[1] = nullptr;
     n->rn_glue_link[0] = n->rn_glue_link[1] = nullptr;
     n->rn_glue_bit = 0;
@@ -196,7 +260,15 @@ void *rn_lookup(struct radix_head *head, const uint8_t *key, uint8_t len) {
     if (head == nullptr || key == nullptr) return nullptr;
     const Tree t{head};
     radix_node *best = nullptr;
-    for (Link l = head->root; l != nullptr;) {
+    Link l = head->root;
+    if (len >= 16 && head->count >= kIndexFrom) {
+        if (const RadixIndex *ix = index_of(head)) {
+            const unsigned p = static_cast<unsigned>(key[0]) << 8 | key[1];
+            best = ix->best[p];
+            l = ix->start[p] != nullptr ? *ix->start[p] : nullptr;
+        }
+    }
+    while (l != nullptr) {
         if (is_glue(l)) {
             const radix_node *g = glue_owner(l);
             if (g->rn_glue_bit >= len) break;
@@ -239,7 +311,8 @@ void rn_tree_destroy(struct radix_head **head) {
     }
     if (h->destructor != nullptr)
         for (radix_node *e : entries) h->destructor(e);
-    std::free(h);
+    delete h->index.load();
+    delete h;
     *head = nullptr;
 }
 
