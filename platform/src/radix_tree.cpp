@@ -151,6 +151,39 @@ const RadixIndex *index_of(radix_head *h) {
     return ix;
 }
 
+// Longest match at most `len` long.  Searches (used while sets are built,
+// between inserts) walk from the root; lookups use the index of a large
+// tree.
+radix_node *longest_match(radix_head *head, const uint8_t *key, uint8_t len, bool use_index) {
+    if (head == nullptr || key == nullptr) return nullptr;
+    const Tree t{head};
+    radix_node *best = nullptr;
+    Link l = head->root;
+    if (use_index && len >= 16 && head->count >= kIndexFrom) {
+        if (const RadixIndex *ix = index_of(head)) {
+            const unsigned p = static_cast<unsigned>(key[0]) << 8 | key[1];
+            best = ix->best[p];
+            l = ix->start[p] != nullptr ? *ix->start[p] : nullptr;
+        }
+    }
+    while (l != nullptr) {
+        if (is_glue(l)) {
+            const radix_node *g = glue_owner(l);
+            if (g->rn_glue_bit >= len) break;
+            l = g->rn_glue_link[bit_at(key, g->rn_glue_bit)];
+            continue;
+        }
+        radix_node *e = entry_node(l);
+        const unsigned el = t.len(e);
+        // Everything below extends this entry's key: a mismatch here ends it.
+        if (el > len || !prefix_equal(t.key(e), key, el)) break;
+        best = e;
+        if (el == len) break;
+        l = e->rn_link[bit_at(key, el)];
+    }
+    return best;
+}
+
 }  // namespace
 
 extern "C" {
@@ -257,37 +290,11 @@ int rn_insert(struct radix_head *head, void *entry) {
 }
 
 void *rn_lookup(struct radix_head *head, const uint8_t *key, uint8_t len) {
-    if (head == nullptr || key == nullptr) return nullptr;
-    const Tree t{head};
-    radix_node *best = nullptr;
-    Link l = head->root;
-    if (len >= 16 && head->count >= kIndexFrom) {
-        if (const RadixIndex *ix = index_of(head)) {
-            const unsigned p = static_cast<unsigned>(key[0]) << 8 | key[1];
-            best = ix->best[p];
-            l = ix->start[p] != nullptr ? *ix->start[p] : nullptr;
-        }
-    }
-    while (l != nullptr) {
-        if (is_glue(l)) {
-            const radix_node *g = glue_owner(l);
-            if (g->rn_glue_bit >= len) break;
-            l = g->rn_glue_link[bit_at(key, g->rn_glue_bit)];
-            continue;
-        }
-        radix_node *e = entry_node(l);
-        const unsigned el = t.len(e);
-        // Everything below extends this entry's key: a mismatch here ends it.
-        if (el > len || !prefix_equal(t.key(e), key, el)) break;
-        best = e;
-        if (el == len) break;
-        l = e->rn_link[bit_at(key, el)];
-    }
-    return best;
+    return longest_match(head, key, len, true);
 }
 
 void *rn_search(struct radix_head *head, const uint8_t *key, uint8_t len) {
-    radix_node *e = static_cast<radix_node *>(rn_lookup(head, key, len));
+    radix_node *e = longest_match(head, key, len, false);
     return e != nullptr && Tree{head}.len(e) == len ? e : nullptr;
 }
 
