@@ -121,10 +121,11 @@ KELA_SHARED_API char *shared_kela_ipv4_base_print(void *, void *route, void *des
     if (desc == nullptr) return strdup("<<Internal error (no context)>>");
     const Desc *d = static_cast<const Desc *>(desc);
     char addr[256];
-    if (qv_inet_ntop(QV_AF_INET, addr_of(route, d), addr, sizeof addr) == nullptr)
-        return strdup("<<no valid representation for IPv4 address>>");
     char text[256 + 8];  // an address text and "/255" always fit
-    std::snprintf(text, sizeof text, "%s/%u", addr, unsigned{len_of(route, d)});
+    if (qv_inet_ntop(QV_AF_INET, addr_of(route, d), addr, sizeof addr) != nullptr)
+        std::snprintf(text, sizeof text, "%s/%u", addr, unsigned{len_of(route, d)});
+    else
+        std::snprintf(text, sizeof text, "%s", "<<no valid representation for IPv4 address>>");
     return strdup(text);
 }
 

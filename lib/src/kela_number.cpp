@@ -32,9 +32,8 @@ char *print_decimal(bool have_route, bool have_desc, std::uint32_t value) {
     if (!have_desc) return strdup("<<Internal error (no context)>>");
     char buf[11];  // the ten digits of 4294967295 and the terminator
     int n = std::snprintf(buf, sizeof buf, "%u", value);
-    if (n < 0 || static_cast<std::size_t>(n) >= sizeof buf)
-        return strdup("<<Internal error (string too long)>>");
-    return strdup(buf);
+    const bool fits = n >= 0 && static_cast<std::size_t>(n) < sizeof buf;
+    return strdup(fits ? buf : "<<Internal error (string too long)>>");
 }
 
 }  // namespace kela

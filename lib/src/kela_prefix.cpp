@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <string>
 
 #include "ipv4_range.h"
 #include "kela_uint.hpp"
@@ -28,21 +27,37 @@ char *print_first_entry(std::uint32_t count, char **params, const char *print_ct
     const bool bounds = !mask_form || (std::strlen(l) & 0xFF) < 4;
     const char *max = std::strchr(a, ':') != nullptr ? "128" : "32";
     auto same = [](const char *x, const char *y) { return std::strcmp(x, y) == 0; };
-    std::string entry = std::string(a) + "/" + l;
+    const char *ge = "", *le = "", *eq = "", *ge_v = "", *le_v = "", *eq_v = "";
     if (bounds) {
-        if (!same(g, l) && !same(g, e)) entry += std::string(" ge ") + g;
-        if (!same(e, max) && !same(g, e)) entry += std::string(" le ") + e;
-        if (same(g, e) && !(same(e, max) && same(g, l))) entry += std::string(" eq ") + e;
+        if (!same(g, l) && !same(g, e)) ge = " ge ", ge_v = g;
+        if (!same(e, max) && !same(g, e)) le = " le ", le_v = e;
+        if (same(g, e) && !(same(e, max) && same(g, l))) eq = " eq ", eq_v = e;
     }
-    entry += " ...)";
-    std::string text;
-    for (const char *c = print_ctx != nullptr ? print_ctx : "%"; *c != '\0'; ++c) {
-        if (*c == '%')
-            text += entry;
-        else
-            text += *c;
+    // Every '%' of the print context stands for the entry.  Everything is
+    // written into one C-heap text: a print function that runs out of
+    // memory gives null, it never throws.
+    static const char kEntry[] = "%s/%s%s%s%s%s%s%s ...)";
+    const int n = std::snprintf(nullptr, 0, kEntry, a, l, ge, ge_v, le, le_v, eq, eq_v);
+    if (n < 0) return nullptr;
+    const char *ctx = print_ctx != nullptr ? print_ctx : "%";
+    std::size_t total = 0;
+    for (const char *c = ctx; *c != '\0'; ++c) total += *c == '%' ? static_cast<std::size_t>(n) : 1;
+    char *text = static_cast<char *>(std::malloc(total + 1));
+    if (text == nullptr) return nullptr;
+    char *out = text;
+    for (const char *c = ctx; *c != '\0'; ++c) {
+        if (*c == '%') {
+            // Room for the entry and its terminator: the terminator lands
+            // where the next character (or the final one) goes.
+            std::snprintf(out, static_cast<std::size_t>(n) + 1, kEntry, a, l, ge, ge_v, le, le_v,
+                          eq, eq_v);
+            out += n;
+        } else {
+            *out++ = *c;
+        }
     }
-    return strdup(text.c_str());
+    *out = '\0';
+    return text;
 }
 
 void assertion(const char *prototype) {
@@ -192,16 +207,19 @@ KELA_SHARED_API vogno shared_kela_prefix_ipaddr_to_pfxaddr(ip_addr_t *in,
 
 KELA_SHARED_API char *shared_kela_prefix_cvt_pfx_to_string(const shared_kela_prefix_addr_td *pfx,
                                                            int addr_only) {
+    // The text is chosen first and copied once.
     static const char kError[] = "<<error prefix>>";
-    if (pfx == nullptr || pfx->addr == nullptr) return strdup(kError);
     char addr[46];
-    if (qv_inet_ntop(pfx->family, pfx->addr, addr, sizeof addr) == nullptr || addr[0] == '\0')
-        return strdup(kError);
-    if (addr_only != 0) return strdup(addr);
     char text[50];
-    if (std::snprintf(text, sizeof text, "%s/%u", addr, unsigned{pfx->len}) <= 0)
-        return strdup(kError);
-    return strdup(text);
+    const char *chosen = kError;
+    if (pfx != nullptr && pfx->addr != nullptr &&
+        qv_inet_ntop(pfx->family, pfx->addr, addr, sizeof addr) != nullptr && addr[0] != '\0') {
+        if (addr_only != 0)
+            chosen = addr;
+        else if (std::snprintf(text, sizeof text, "%s/%u", addr, unsigned{pfx->len}) > 0)
+            chosen = text;
+    }
+    return strdup(chosen);
 }
 
 KELA_SHARED_API char *shared_kela_prefix_base_print(void *, void *route, void *desc) {
