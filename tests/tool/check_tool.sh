@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # End-to-end checks of kela-policy: golden outputs of the bundled example,
-# one refusal per kind of verifier failure, syntax errors, malformed route
-# lines and the validity of the JSON output.
+# the validity of the JSON output, and the corpus of bad inputs in bad/
+# (policies refused by the parser or a verifier, malformed route lines).
 # Usage: check_tool.sh TOOL SOURCE_DIR GROUP
 set -u
 tool=$1 src=$2 group=$3
@@ -36,38 +36,34 @@ for o in objs[:-1]:
     assert o["verdict"] in ("accept", "reject") and isinstance(o["changes"], list)
 ' "$work/out.jsonl"; then ok; else bad "JSON output is not valid JSON Lines"; fi
   ;;
-refusals)
-  while IFS= read -r line; do
-    case $line in ''|'#'*) continue ;; esac
-    stmt=${line%% => *} want=${line#* => }
-    printf 'rule r\n  %s\n  accept\n' "$stmt" >"$work/bad.kp"
-    (cd "$work" && "$tool" check bad.kp) >/dev/null 2>"$work/err"
+bad_policies)
+  # Each bad/policies/NAME.kp is refused by "check" with exit 2 and exactly
+  # the text of NAME.expected (file:line:col: error: message).
+  cd "$here/bad/policies" || exit 1
+  for kp in *.kp; do
+    "$tool" check "$kp" >/dev/null 2>"$work/err"
     rc=$?
-    got=$(cat "$work/err")
-    if [ $rc -eq 2 ] && [ "$got" = "bad.kp:2:3: error: $want" ]; then ok; else bad "$stmt: exit $rc: $got"; fi
-  done <"$here/refusals.txt"
+    if [ $rc -eq 2 ] && diff -u "${kp%.kp}.expected" "$work/err"; then ok; else bad "$kp: exit $rc"; fi
+  done
+  # A directory opens but cannot be read.
+  "$tool" check . >/dev/null 2>"$work/err"
+  rc=$?
+  if [ $rc -eq 1 ] && [ "$(cat "$work/err")" = "kela-policy: cannot read ." ]; then ok; else bad "a directory: exit $rc"; fi
   ;;
-syntax)
-  while IFS= read -r line; do
-    case $line in ''|'#'*) continue ;; esac
-    text=${line%% => *} want=${line#* => }
-    printf '%b\n' "$text" >"$work/bad.kp"
-    (cd "$work" && "$tool" check bad.kp) >/dev/null 2>"$work/err"
+bad_routes)
+  # Each route file of bad/routes runs to the end (exit 0) with exactly the
+  # errors of its .expected file, and counts each of them as malformed.
+  cd "$here/bad/routes" || exit 1
+  for routes in *.txt *.jsonl; do
+    "$tool" run --quiet accept-all.kp "$routes" >"$work/out" 2>"$work/err"
     rc=$?
-    got=$(cat "$work/err")
-    if [ $rc -eq 2 ] && [ "$got" = "$want" ]; then ok; else bad "$text: exit $rc: $got"; fi
-  done <"$here/syntax.txt"
-  ;;
-malformed)
-  printf 'rule all\n  if metric ge 0\n  accept\n' >"$work/p.kp"
-  cp "$here/malformed_routes.txt" "$work/"
-  (cd "$work" && "$tool" run --quiet p.kp malformed_routes.txt) >"$work/out" 2>"$work/err"
+    if [ $rc -eq 0 ] && diff -u "${routes%.*}.expected" "$work/err"; then ok; else bad "$routes: exit $rc"; fi
+    n=$(wc -l <"${routes%.*}.expected")
+    if grep -q " $n malformed;" "$work/out"; then ok; else bad "$routes: $(tail -1 "$work/out")"; fi
+  done
+  "$tool" run --quiet --strict accept-all.kp text.txt >/dev/null 2>"$work/err"
   rc=$?
-  if [ $rc -eq 0 ] && diff -u "$here/malformed_routes.expected" "$work/err"; then ok; else bad "malformed lines: exit $rc"; fi
-  if grep -q '^summary: 2 routes, 2 accepted, 0 rejected, 6 malformed' "$work/out"; then ok; else bad "summary: $(tail -1 "$work/out")"; fi
-  (cd "$work" && "$tool" run --quiet --strict p.kp malformed_routes.txt) >/dev/null 2>"$work/err"
-  rc=$?
-  if [ $rc -eq 1 ] && [ "$(wc -l <"$work/err")" -eq 1 ]; then ok; else bad "--strict: exit $rc"; fi
+  if [ $rc -eq 1 ] && [ "$(cat "$work/err")" = "$(head -1 text.expected)" ]; then ok; else bad "--strict: exit $rc"; fi
   ;;
 *) echo "unknown group $group"; exit 2 ;;
 esac

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <iterator>
 #include <map>
 
 #include "kela_ref_state.h"
@@ -211,51 +212,83 @@ bool parse_mac(const std::string &text, std::uint8_t *mac) {
     return true;
 }
 
+// The fields of a route line, each with its other name; each may be given
+// once per line.
+enum Field { kDest, kNexthop, kMetric, kTag, kPreference, kOrigin, kCommunity, kFlags, kPeer, kMac, kTable };
+constexpr struct {
+    const char *name, *alias;
+} kFields[] = {{"dest", "destination"}, {"nexthop", "nh"}, {"metric", nullptr},
+               {"tag", nullptr},        {"pref", "preference"}, {"origin", nullptr},
+               {"community", nullptr},  {"flags", nullptr},     {"peer", nullptr},
+               {"mac", nullptr},        {"table", nullptr}};
+
 // Applies one field to the route; an error text when the value is not one.
-std::string set_field(Route &r, const std::string &key, const std::string &value) {
+std::string set_field(Route &r, unsigned &seen, const std::string &key, const std::string &value) {
+    int field = -1;
+    for (int i = 0; i < static_cast<int>(std::size(kFields)) && field < 0; ++i)
+        if (key == kFields[i].name || (kFields[i].alias != nullptr && key == kFields[i].alias))
+            field = i;
+    if (field < 0) return "unknown field '" + key + "'";
+    if ((seen & (1u << field)) != 0) return "field '" + key + "' given twice";
+    seen |= 1u << field;
     uint64_t n = 0;
-    if (key == "dest" || key == "destination") {
-        if (!parse_prefix(value, r.destination, false))
-            return "bad destination prefix '" + value + "'";
-    } else if (key == "nexthop" || key == "nh") {
-        if (!parse_prefix(value, r.nexthop, true)) return "bad next hop '" + value + "'";
-    } else if (key == "metric") {
-        if (!parse_number(value, 0xFFFFFFFFu, n)) return "bad metric '" + value + "'";
-        r.words[0] = static_cast<std::uint32_t>(n);
-    } else if (key == "tag") {
-        if (!parse_number(value, 0xFFFF, n)) return "bad tag '" + value + "'";
-        r.tag = static_cast<std::uint16_t>(n);
-    } else if (key == "pref" || key == "preference") {
-        if (!parse_number(value, 0xFF, n)) return "bad preference '" + value + "'";
-        r.preference = static_cast<std::uint8_t>(n);
-    } else if (key == "origin") {
-        uint32_t v = 0;
-        if (shared_kela_enum_cvt_string(value.c_str(), &origin_desc, nullptr, &v) != 0)
-            return "bad origin '" + value + "' (igp, egp, incomplete)";
-        r.words[1] = v;
-    } else if (key == "community") {
-        uint32_t v = 0;
-        if (parse_community(value.c_str(), nullptr, 1, &v) != 0)
-            return "bad community '" + value + "' (AS:N)";
-        r.words[2] = v;
-        r.words[3] |= 0x1u;
-    } else if (key == "flags") {
-        uint64_t m = 0;
-        if (parse_flags(value.c_str(), nullptr, &m) != 0) return "bad flags '" + value + "'";
-        r.flags = m;
-    } else if (key == "peer") {
-        Prefix p;
-        if (!parse_prefix(value, p, true) || p.family != 2) return "bad IPv4 peer '" + value + "'";
-        std::memcpy(r.peer, p.addr, 4);
-        r.peer_len = p.len;
-    } else if (key == "mac") {
-        if (!parse_mac(value, r.mac)) return "bad MAC address '" + value + "'";
-        r.has_mac = true;
-    } else if (key == "table") {
-        if (!parse_number(value, 0xFFFFFFFFu, n)) return "bad table '" + value + "'";
-        r.table = static_cast<std::uint32_t>(n);
-    } else {
-        return "unknown field '" + key + "'";
+    switch (static_cast<Field>(field)) {
+        case kDest:
+            if (!parse_prefix(value, r.destination, false))
+                return "bad destination prefix '" + value + "'";
+            break;
+        case kNexthop:
+            if (!parse_prefix(value, r.nexthop, true)) return "bad next hop '" + value + "'";
+            break;
+        case kMetric:
+            if (!parse_number(value, 0xFFFFFFFFu, n)) return "bad metric '" + value + "'";
+            r.words[0] = static_cast<std::uint32_t>(n);
+            break;
+        case kTag:
+            if (!parse_number(value, 0xFFFF, n)) return "bad tag '" + value + "'";
+            r.tag = static_cast<std::uint16_t>(n);
+            break;
+        case kPreference:
+            if (!parse_number(value, 0xFF, n)) return "bad preference '" + value + "'";
+            r.preference = static_cast<std::uint8_t>(n);
+            break;
+        case kOrigin: {
+            uint32_t v = 0;
+            if (shared_kela_enum_cvt_string(value.c_str(), &origin_desc, nullptr, &v) != 0)
+                return "bad origin '" + value + "' (igp, egp, incomplete)";
+            r.words[1] = v;
+            break;
+        }
+        case kCommunity: {
+            uint32_t v = 0;
+            if (parse_community(value.c_str(), nullptr, 1, &v) != 0)
+                return "bad community '" + value + "' (AS:N)";
+            r.words[2] = v;
+            r.words[3] |= 0x1u;
+            break;
+        }
+        case kFlags: {
+            uint64_t m = 0;
+            if (parse_flags(value.c_str(), nullptr, &m) != 0) return "bad flags '" + value + "'";
+            r.flags = m;
+            break;
+        }
+        case kPeer: {
+            Prefix p;
+            if (!parse_prefix(value, p, true) || p.family != 2)
+                return "bad IPv4 peer '" + value + "'";
+            std::memcpy(r.peer, p.addr, 4);
+            r.peer_len = p.len;
+            break;
+        }
+        case kMac:
+            if (!parse_mac(value, r.mac)) return "bad MAC address '" + value + "'";
+            r.has_mac = true;
+            break;
+        case kTable:
+            if (!parse_number(value, 0xFFFFFFFFu, n)) return "bad table '" + value + "'";
+            r.table = static_cast<std::uint32_t>(n);
+            break;
     }
     return {};
 }
@@ -352,6 +385,7 @@ const std::vector<std::string> &settable_attributes() {
 
 bool parse_route_text(const std::string &line, Route &r, RouteError &err) {
     r = Route{};
+    unsigned seen = 0;
     std::size_t at = 0;
     while (at < line.size()) {
         while (at < line.size() && std::isspace(static_cast<unsigned char>(line[at]))) ++at;
@@ -364,7 +398,7 @@ bool parse_route_text(const std::string &line, Route &r, RouteError &err) {
             err = {start + 1, "expected key=value, found '" + token + "'"};
             return false;
         }
-        if (std::string e = set_field(r, token.substr(0, eq), token.substr(eq + 1)); !e.empty()) {
+        if (std::string e = set_field(r, seen, token.substr(0, eq), token.substr(eq + 1)); !e.empty()) {
             err = {start + 1, e};
             return false;
         }
@@ -374,6 +408,7 @@ bool parse_route_text(const std::string &line, Route &r, RouteError &err) {
 
 bool parse_route_json(const std::string &line, Route &r, RouteError &err) {
     r = Route{};
+    unsigned seen = 0;
     std::size_t at = 0;
     auto fail = [&](const std::string &what) {
         err = {at + 1, what};
@@ -382,19 +417,50 @@ bool parse_route_json(const std::string &line, Route &r, RouteError &err) {
     auto skip = [&] {
         while (at < line.size() && std::isspace(static_cast<unsigned char>(line[at]))) ++at;
     };
+    // A string in double quotes with JSON's escapes; "\uXXXX" gives the
+    // code point in UTF-8 (a surrogate half stands for itself: no field
+    // value can hold one anyway).  False with `bad_escape` set when an
+    // escape is not one.
+    bool bad_escape = false;
     auto string_at = [&](std::string &out) {
         if (at >= line.size() || line[at] != '"') return false;
         ++at;
         out.clear();
         while (at < line.size() && line[at] != '"') {
-            if (line[at] == '\\') {
-                if (++at >= line.size()) return false;
-                const char c = line[at];
-                out += c == 'n' ? '\n' : c == 't' ? '\t' : c;
-            } else {
-                out += line[at];
+            if (line[at] != '\\') {
+                out += line[at++];
+                continue;
             }
-            ++at;
+            if (++at >= line.size()) return false;
+            const char c = line[at++];
+            if (c != 'u') {
+                const char *from = "nrtbf", *to = "\n\r\t\b\f";
+                const char *k = std::strchr(from, c);
+                out += k != nullptr && c != '\0' ? to[k - from] : c;
+                continue;
+            }
+            if (at + 4 > line.size()) return false;
+            unsigned cp = 0;
+            for (int i = 0; i < 4; ++i, ++at) {
+                const char h = line[at];
+                if (!std::isxdigit(static_cast<unsigned char>(h))) {
+                    bad_escape = true;
+                    return false;
+                }
+                cp = cp * 16 + static_cast<unsigned>(std::isdigit(static_cast<unsigned char>(h))
+                                                          ? h - '0'
+                                                          : (std::tolower(h) - 'a' + 10));
+            }
+            if (cp < 0x80) {
+                out += static_cast<char>(cp);
+            } else if (cp < 0x800) {
+                out += static_cast<char>(0xC0 | (cp >> 6));
+                out += static_cast<char>(0x80 | (cp & 0x3F));
+            } else {
+                out += static_cast<char>(0xE0 | (cp >> 12));
+                out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+                out += static_cast<char>(0x80 | (cp & 0x3F));
+            }
         }
         if (at >= line.size()) return false;
         ++at;
@@ -417,14 +483,14 @@ bool parse_route_json(const std::string &line, Route &r, RouteError &err) {
             skip();
             const std::size_t value_at = at;
             if (at < line.size() && line[at] == '"') {
-                if (!string_at(value)) return fail("unterminated string");
+                if (!string_at(value)) return fail(bad_escape ? "bad \\u escape" : "unterminated string");
             } else {
                 while (at < line.size() && (std::isalnum(static_cast<unsigned char>(line[at])) ||
                                             line[at] == '.' || line[at] == '-' || line[at] == '+'))
                     value += line[at++];
                 if (value.empty()) return fail("expected a value");
             }
-            if (std::string e = set_field(r, key, value); !e.empty()) {
+            if (std::string e = set_field(r, seen, key, value); !e.empty()) {
                 err = {value_at + 1, e};
                 return false;
             }

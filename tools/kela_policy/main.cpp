@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -79,13 +80,39 @@ int usage_error(const std::string &m) {
     return 2;
 }
 
+// Opens a file for reading.  A directory opens on Linux but every read of
+// it fails, which would read as an empty file: it is refused here.
+bool open_file(const std::string &path, std::ifstream &in,
+               std::ios::openmode mode = std::ios::in) {
+    std::error_code ec;
+    if (std::filesystem::is_directory(path, ec)) return false;
+    in.open(path, mode);
+    return static_cast<bool>(in);
+}
+
 bool read_file(const std::string &path, std::string &out) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return false;
+    std::ifstream in;
+    if (!open_file(path, in, std::ios::binary)) return false;
     std::ostringstream ss;
     ss << in.rdbuf();
     out = ss.str();
     return true;
+}
+
+// Error messages quote the input; its control and non-ASCII bytes are
+// shown as \xNN so that a message is always one printable line.
+std::string printable(const std::string &s) {
+    std::string out;
+    for (unsigned char c : s) {
+        if (c < 0x20 || c >= 0x7F) {
+            char buf[8];
+            std::snprintf(buf, sizeof buf, "\\x%02x", c);
+            out += buf;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
 }
 
 std::string json_escape(const std::string &s) {
@@ -135,8 +162,7 @@ bool load_rib(const Options &o, const std::string &path, std::size_t &loaded) {
     std::ifstream file;
     std::istream *in = &std::cin;
     if (path != "-") {
-        file.open(path);
-        if (!file) return false;
+        if (!open_file(path, file)) return false;
         in = &file;
     }
     std::string line;
@@ -255,7 +281,7 @@ int run(const Options &o) {
     if (!kp::parse_policy(text, policy, perr) ||
         !kp::compile_policy(policy, o.location.c_str(), perr)) {
         std::fprintf(stderr, "%s:%zu:%zu: error: %s\n", o.policy_file.c_str(), perr.line,
-                     perr.column, perr.message.c_str());
+                     perr.column, printable(perr.message).c_str());
         return 2;
     }
     std::size_t conditions = 0, actions = 0;
@@ -275,8 +301,8 @@ int run(const Options &o) {
             return usage_error("bad --track '" + t + "' (NAME=up or NAME=down)");
     }
     if (!o.track_file.empty()) {
-        std::ifstream in(o.track_file);
-        if (!in) {
+        std::ifstream in;
+        if (!open_file(o.track_file, in)) {
             std::fprintf(stderr, "kela-policy: cannot read %s\n", o.track_file.c_str());
             return 1;
         }
@@ -309,8 +335,7 @@ int run(const Options &o) {
     std::ifstream file;
     std::istream *in = &std::cin;
     if (o.routes_file != "-") {
-        file.open(o.routes_file);
-        if (!file) {
+        if (!open_file(o.routes_file, file)) {
             std::fprintf(stderr, "kela-policy: cannot read %s\n", o.routes_file.c_str());
             return 1;
         }
@@ -328,8 +353,10 @@ int run(const Options &o) {
         kp::RouteError err;
         if (!parse_line(o, line, r, err)) {
             ++malformed;
-            std::fprintf(stderr, "%s:%zu:%zu: error: %s\n", o.routes_file.c_str(), lineno,
-                         err.column, err.message.c_str());
+            // Column 0: the error is the line's as a whole.
+            const std::string at = err.column != 0 ? ":" + std::to_string(err.column) : "";
+            std::fprintf(stderr, "%s:%zu%s: error: %s\n", o.routes_file.c_str(), lineno,
+                         at.c_str(), printable(err.message).c_str());
             if (o.strict) return 1;
             continue;
         }
