@@ -26,6 +26,7 @@ extern "C" {
 struct radix_node {
     void *rn_link[2];      /* the entry's own node: its two subtrees */
     void *rn_glue_link[2]; /* a branching node the entry lends the tree */
+    void *rn_up;           /* the nearest shorter entry covering this one */
     uint8_t rn_glue_bit;   /* the bit that branching node tests */
     uint8_t rn_flags;
     uint8_t rn_reserved[6];

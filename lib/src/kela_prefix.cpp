@@ -87,6 +87,26 @@ std::uint32_t word_at(const std::uint8_t *p, int w) {
 
 }  // namespace
 
+namespace kela::prefix {
+
+vogno parse_length_form(const char *addr_text, const char *len_text, const char *ge_text,
+                        const char *le_text, shared_kela_prefix_matchspec_td *out) {
+    ip_addr_t addr;
+    std::uint32_t len = 0, ge = 0, le = 0;
+    if (vogno st = shared_kela_prefix_cvt_string_to_pfx(addr_text, len_text, ge_text, le_text,
+                                                        &addr, &len, &ge, &le, 1);
+        st != 0)
+        return st;
+    out->family = addr.family;
+    std::memcpy(out->addr, addr.addr, shared_kela_prefix_key_bytes(addr.family));
+    out->len = static_cast<std::uint8_t>(len);
+    out->ge = static_cast<std::uint8_t>(ge);
+    out->le = static_cast<std::uint8_t>(le);
+    return 0;
+}
+
+}  // namespace kela::prefix
+
 extern "C" {
 
 KELA_SHARED_API uint8_t shared_kela_prefix_key_len(uint8_t family) {
@@ -146,19 +166,12 @@ KELA_SHARED_API vogno shared_kela_prefix_cvt_string_to_matchspec(
     if (addr_text == nullptr || len_text == nullptr || ge_text == nullptr || le_text == nullptr)
         return KEL_SHARED_ERR_BAD_VALUE;
     if (out == nullptr) return KEL_SHARED_ERR_NULL_RESULT;
-    ip_addr_t addr;
-    std::uint32_t len = 0, ge = 0, le = 0;
-    if (vogno st = shared_kela_prefix_cvt_string_to_pfx(addr_text, len_text, ge_text, le_text,
-                                                        &addr, &len, &ge, &le, 1);
-        st != 0)
+    SpecRoom room;
+    if (vogno st = parse_length_form(addr_text, len_text, ge_text, le_text, room.spec()); st != 0)
         return st;
-    SpecPtr spec = alloc_spec(addr.family);
+    SpecPtr spec = alloc_spec(room.spec()->family);
     if (!spec) return KEL_SHARED_ERR_NO_MEMORY;
-    spec->family = addr.family;
-    std::memcpy(spec->addr, addr.addr, shared_kela_prefix_key_bytes(addr.family));
-    spec->len = static_cast<std::uint8_t>(len);
-    spec->ge = static_cast<std::uint8_t>(ge);
-    spec->le = static_cast<std::uint8_t>(le);
+    std::memcpy(spec.get(), room.spec(), spec_bytes(room.spec()->family));
     *out = spec.release();
     return 0;
 }

@@ -36,12 +36,31 @@ struct SpecDeleter {
 };
 using SpecPtr = std::unique_ptr<shared_kela_prefix_matchspec_td, SpecDeleter>;
 
+// The size of an entry record of the family.
+inline std::size_t spec_bytes(std::uint8_t family) {
+    return offsetof(shared_kela_prefix_matchspec_td, addr) + shared_kela_prefix_key_bytes(family);
+}
+
 // A zero-filled entry record with room for the family's key bytes.
 inline SpecPtr alloc_spec(std::uint8_t family) {
-    const std::size_t bytes =
-        offsetof(shared_kela_prefix_matchspec_td, addr) + shared_kela_prefix_key_bytes(family);
-    return SpecPtr(static_cast<shared_kela_prefix_matchspec_td *>(std::calloc(1, bytes)));
+    return SpecPtr(static_cast<shared_kela_prefix_matchspec_td *>(std::calloc(1, spec_bytes(family))));
 }
+
+// Room on the stack for an entry record of either family, so that a parse
+// need not allocate before it knows where the record will live.
+struct SpecRoom {
+    alignas(shared_kela_prefix_matchspec_td) unsigned char bytes[sizeof(
+        shared_kela_prefix_matchspec_td) + 16] = {};
+    shared_kela_prefix_matchspec_td *spec() {
+        return reinterpret_cast<shared_kela_prefix_matchspec_td *>(bytes);
+    }
+};
+
+// Parses a length-form entry (address, length, ge, le; strict numbers,
+// ge <= le <= the family maximum) into `out`, which has room for 16
+// address bytes.  The texts are not null.
+vogno parse_length_form(const char *addr_text, const char *len_text, const char *ge_text,
+                        const char *le_text, shared_kela_prefix_matchspec_td *out);
 
 // The first n bits of a byte (n = 0 to 7; 0 selects nothing).
 inline std::uint8_t partial_byte_mask(unsigned n) {
@@ -75,12 +94,15 @@ inline void release_value(shared_kela_prefix_addr_td &v) {
 // ---- the prefix-set match context ---------------------------------------------
 
 // Tree entry: the entries filed under one key (also the wild list,
-// whose key is not used).
+// whose key is not used).  A tree entry is made with its first entry record
+// in the same allocation, right after the key: most keys hold just one, and
+// a lookup then finds it on the lines it already reads.
 struct shared_kela_prefix_info_td {
     radix_node hdr;
-    std::int32_t count;
     shared_kela_prefix_matchspec_td **specs;  // `first` while it holds one entry
     shared_kela_prefix_matchspec_td *first;   // room for the usual single entry
+    std::int32_t count;
+    std::uint8_t first_inline;  // `first` lives in this allocation: never freed alone
     std::uint8_t keylen;
     std::uint8_t key[];
 };

@@ -21,7 +21,7 @@ using Ctx = shared_kela_prefix_match_ctx_td;
 void info_free(void *entry) {
     auto *info = static_cast<Info *>(entry);
     if (info == nullptr) return;
-    for (std::int32_t i = 0; i < info->count; ++i) free_spec(info->specs[i]);
+    for (std::int32_t i = info->first_inline; i < info->count; ++i) free_spec(info->specs[i]);
     if (info->specs != &info->first) std::free(info->specs);
     std::free(info);
 }
@@ -170,28 +170,39 @@ std::uint8_t upper_bound(const Ctx *ctx, std::uint8_t family) {
     return longer ? shared_kela_prefix_key_len(family) : 0;
 }
 
-vogno add_length_form(Ctx *ctx, SpecPtr spec) {
-    const std::uint8_t bytes = shared_kela_prefix_key_bytes(spec->family);
-    kela::CPtr<Info> info = kela::zalloc<Info>(offsetof(Info, key) + bytes);
+// Where a tree entry of the family keeps its first entry record.
+std::size_t inline_spec_offset(std::uint8_t family) {
+    constexpr std::size_t align = alignof(shared_kela_prefix_matchspec_td);
+    return (offsetof(Info, key) + shared_kela_prefix_key_bytes(family) + align - 1) / align * align;
+}
+
+vogno add_length_form(Ctx *ctx, const shared_kela_prefix_matchspec_td *parsed) {
+    const std::uint8_t family = parsed->family;
+    const std::size_t at = inline_spec_offset(family);
+    kela::CPtr<Info> info = kela::zalloc<Info>(at + spec_bytes(family));
     if (!info) return KEL_SHARED_ERR_NO_MEMORY;
-    compute_key(info.get(), spec.get());
-    radix_head *tree = family_head(ctx, spec->family);
-    const std::uint8_t upper = upper_bound(ctx, spec->family);
+    auto *first = reinterpret_cast<shared_kela_prefix_matchspec_td *>(
+        reinterpret_cast<unsigned char *>(info.get()) + at);
+    std::memcpy(first, parsed, spec_bytes(family));
+    info->first_inline = 1;
+    compute_key(info.get(), parsed);
+    radix_head *tree = family_head(ctx, family);
+    const std::uint8_t upper = upper_bound(ctx, family);
     // A new record takes its first entry in place, which cannot fail.
-    shared_kela_prefix_matchspec_td *raw = spec.release();
-    info_add_matchspec(info.get(), &raw, upper);
+    info_add_matchspec(info.get(), &first, upper);
     // One walk for the usual case of a new key; a key already filed refuses
-    // the insert, and the entry joins the record that holds it.
+    // the insert, and the entry joins the record that holds it in a record
+    // of its own.
     if (rn_insert(tree, info.get()) == 0) {
         info.release();
         return 0;
     }
-    info->count = 0;
     auto *held = static_cast<Info *>(rn_search(tree, info->key, info->keylen));
-    if (held == nullptr) {
-        free_spec(raw);
-        return KEL_SHARED_ERR_TREE_INSERT;
-    }
+    if (held == nullptr) return KEL_SHARED_ERR_TREE_INSERT;
+    SpecPtr spec = alloc_spec(family);
+    if (!spec) return KEL_SHARED_ERR_NO_MEMORY;
+    std::memcpy(spec.get(), parsed, spec_bytes(family));
+    shared_kela_prefix_matchspec_td *raw = spec.release();
     vogno st = info_add_matchspec(held, &raw, upper);
     if (st != 0) free_spec(raw);
     return st;
@@ -218,19 +229,33 @@ shared_kela_prefix_info_td *family_wild(Ctx *ctx, std::uint8_t family) {
 
 vogno match_ctx_add(Ctx *ctx, const char *a1, const char *a2, const char *a3, const char *a4,
                     bool acl) {
-    shared_kela_prefix_matchspec_td *raw = nullptr;
-    vogno st = acl ? shared_kela_prefix_cvt_string_to_matchspec_acl(a1, a2, a3, a4, &raw)
-                   : shared_kela_prefix_cvt_string_to_matchspec(a1, a2, a3, a4, &raw);
-    if (st != 0) return st;
-    SpecPtr spec(raw);
+    SpecPtr spec;
+    if (acl) {
+        shared_kela_prefix_matchspec_td *raw = nullptr;
+        if (vogno st = shared_kela_prefix_cvt_string_to_matchspec_acl(a1, a2, a3, a4, &raw); st != 0)
+            return st;
+        spec.reset(raw);
+    } else {
+        if (a1 == nullptr || a2 == nullptr || a3 == nullptr || a4 == nullptr)
+            return KEL_SHARED_ERR_BAD_VALUE;
+        // Parsed on the stack: a new key's record holds the entry itself.
+        SpecRoom room;
+        if (vogno st = parse_length_form(a1, a2, a3, a4, room.spec()); st != 0) return st;
+        const shared_kela_prefix_matchspec_td *parsed = room.spec();
+        if (!all_zero(parsed->addr, shared_kela_prefix_key_bytes(parsed->family)))
+            return add_length_form(ctx, parsed);
+        spec = alloc_spec(parsed->family);
+        if (!spec) return KEL_SHARED_ERR_NO_MEMORY;
+        std::memcpy(spec.get(), parsed, spec_bytes(parsed->family));
+    }
     if (all_zero(spec->addr, shared_kela_prefix_key_bytes(spec->family))) {
         const std::uint8_t upper = upper_bound(ctx, spec->family);
-        raw = spec.release();
-        st = info_add_matchspec(family_wild(ctx, raw->family), &raw, upper);
+        shared_kela_prefix_matchspec_td *raw = spec.release();
+        vogno st = info_add_matchspec(family_wild(ctx, raw->family), &raw, upper);
         if (st != 0) free_spec(raw);
         return st;
     }
-    return acl ? add_acl(ctx, std::move(spec)) : add_length_form(ctx, std::move(spec));
+    return add_acl(ctx, std::move(spec));
 }
 
 vogno match_ctx_build(std::uint32_t count, char **params, Ctx *ctx) {

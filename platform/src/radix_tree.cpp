@@ -17,18 +17,30 @@
 #include <cstring>
 #include <mutex>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include "radix.h"
 
-// Large trees get a direct index of their first 16 bits, built by the first
-// lookup after the last insert: for each 16-bit prefix, the best entry
-// shorter than 16 bits on its path and the link where the walk goes on.  A
-// lookup then starts near the depth of its answer instead of at the root,
-// which keeps large sets from paying one cache miss per upper level.
+// Trees past a few hundred entries get a direct index of their first B bits
+// (B grows with the tree, from 8 to 20), built by the first lookup after the
+// last insert: for each B-bit prefix, the best entry shorter than B bits on
+// its path and the node where the walk goes on.  A lookup then starts near
+// the depth of its answer instead of at the root, so that a large set costs
+// about as many dependent memory reads as a small one.  Both halves of a
+// slot share one cache line.
+//
+// The same pass links every entry to the nearest shorter entry covering it
+// (rn_up).  A lookup bounded below B bits, as the repeated lookups of a
+// prefix set are, climbs those links from the slot's best entry instead of
+// walking down from the root.
+struct IndexSlot {
+    void *start;       // tagged link to walk on from; null: the walk ends
+    radix_node *best;  // best entry shorter than B bits
+};
 struct RadixIndex {
-    void **start[1u << 16];      // link to walk on from; null: the walk ends
-    radix_node *best[1u << 16];  // best entry shorter than 16 bits
+    unsigned bits;
+    IndexSlot *slot;  // 1 << bits of them, right after this header
 };
 
 struct radix_head {
@@ -104,37 +116,78 @@ radix_node *some_entry(Link l) {
     return entry_node(l);
 }
 
-// Trees below this size are walked from the root: their upper levels stay
-// in the cache anyway, and the index would cost more than the tree.
-constexpr std::size_t kIndexFrom = 4096;
+// Trees below this size are walked from the root: they stay in the cache
+// anyway, and the index would cost more than the tree.
+constexpr std::size_t kIndexFrom = 256;
+constexpr unsigned kIndexMinBits = 8, kIndexMaxBits = 20;
 
-void build_index(const radix_head *h, RadixIndex &ix) {
+// About one slot per entry: the index never costs more than 16 bytes an
+// entry.
+unsigned index_bits(std::size_t count) {
+    unsigned b = 0;
+    while ((std::size_t{1} << (b + 1)) <= count) ++b;
+    return b < kIndexMinBits ? kIndexMinBits : b > kIndexMaxBits ? kIndexMaxBits : b;
+}
+
+// Fills the slots of every B-bit prefix that starts with the `known` bits
+// of `p` with where a walk from the root would be at depth B.  A node that
+// needs a bit not yet known splits the prefix in two; each slot is filled
+// once, so the whole index takes O(2^B + entries) steps.
+void fill_index(const radix_head *h, RadixIndex &ix, Link l, std::uint32_t p, unsigned known,
+                radix_node *best) {
     const Tree t{h};
-    for (unsigned p = 0; p < (1u << 16); ++p) {
-        const std::uint8_t k[2] = {static_cast<std::uint8_t>(p >> 8), static_cast<std::uint8_t>(p)};
-        void **at = const_cast<void **>(&h->root);
-        radix_node *best = nullptr;
-        for (;;) {
-            Link l = *at;
-            if (l == nullptr) break;
-            if (is_glue(l)) {
-                radix_node *g = glue_owner(l);
-                if (g->rn_glue_bit >= 16) break;
-                at = &g->rn_glue_link[bit_at(k, g->rn_glue_bit)];
-                continue;
-            }
-            radix_node *e = entry_node(l);
-            const unsigned el = t.len(e);
-            if (el >= 16) break;
-            if (!prefix_equal(t.key(e), k, el)) {
-                at = nullptr;  // nothing below can match
-                break;
-            }
-            best = e;
-            at = &e->rn_link[bit_at(k, el)];
+    const unsigned B = ix.bits;
+    auto bit_of = [&](unsigned b) { return static_cast<int>((p >> (known - 1 - b)) & 1u); };
+    auto fill = [&](Link start, radix_node *b) {
+        const std::uint32_t from = p << (B - known), to = (p + 1) << (B - known);
+        for (std::uint32_t i = from; i < to; ++i) ix.slot[i] = {start, b};
+    };
+    auto split = [&] {
+        fill_index(h, ix, l, p << 1, known + 1, best);
+        fill_index(h, ix, l, p << 1 | 1u, known + 1, best);
+    };
+    for (;;) {
+        if (l == nullptr) return fill(nullptr, best);
+        if (is_glue(l)) {
+            const radix_node *g = glue_owner(l);
+            if (g->rn_glue_bit >= B) return fill(l, best);
+            if (g->rn_glue_bit >= known) return split();
+            l = g->rn_glue_link[bit_of(g->rn_glue_bit)];
+            continue;
         }
-        ix.start[p] = at;
-        ix.best[p] = best;
+        radix_node *e = entry_node(l);
+        const unsigned el = t.len(e);
+        if (el >= B) return fill(l, best);
+        // The known bits, left-aligned in key bytes.
+        const std::uint32_t v = known == 0 ? 0 : p << (32 - known);
+        const std::uint8_t k[4] = {static_cast<std::uint8_t>(v >> 24),
+                                   static_cast<std::uint8_t>(v >> 16),
+                                   static_cast<std::uint8_t>(v >> 8), static_cast<std::uint8_t>(v)};
+        if (!prefix_equal(t.key(e), k, el < known ? el : known)) return fill(nullptr, best);
+        if (el >= known) return split();  // bits up to el (and bit el itself) are needed
+        best = e;
+        l = e->rn_link[bit_of(el)];
+    }
+}
+
+// Sets every entry's rn_up: everything below an entry extends its key, so
+// the nearest entry above it on its path is the nearest one covering it.
+void link_up(const radix_head *h) {
+    std::vector<std::pair<Link, radix_node *>> stack;
+    if (h->root != nullptr) stack.emplace_back(h->root, nullptr);
+    while (!stack.empty()) {
+        auto [l, up] = stack.back();
+        stack.pop_back();
+        if (is_glue(l)) {
+            const radix_node *g = glue_owner(l);
+            for (Link c : g->rn_glue_link)
+                if (c != nullptr) stack.emplace_back(c, up);
+            continue;
+        }
+        radix_node *e = entry_node(l);
+        e->rn_up = up;
+        for (Link c : e->rn_link)
+            if (c != nullptr) stack.emplace_back(c, e);
     }
 }
 
@@ -144,11 +197,26 @@ const RadixIndex *index_of(radix_head *h) {
     if (const RadixIndex *ix = h->index.load(std::memory_order_acquire)) return ix;
     std::lock_guard lock(h->index_mu);
     if (const RadixIndex *ix = h->index.load(std::memory_order_relaxed)) return ix;
-    auto *ix = new (std::nothrow) RadixIndex;
+    const unsigned bits = index_bits(h->count);
+    auto *ix = static_cast<RadixIndex *>(
+        std::malloc(sizeof(RadixIndex) + (std::size_t{1} << bits) * sizeof(IndexSlot)));
     if (ix == nullptr) return nullptr;
-    build_index(h, *ix);
+    ix->bits = bits;
+    ix->slot = reinterpret_cast<IndexSlot *>(ix + 1);
+    fill_index(h, *ix, h->root, 0, 0, nullptr);
+    link_up(h);
     h->index.store(ix, std::memory_order_release);
     return ix;
+}
+
+// The first `bits` bits of a key of `len` bits, bits past `len` as zeros
+// (bits <= 24; no byte past the key's length is read).
+std::uint32_t leading_bits(const std::uint8_t *key, unsigned len, unsigned bits) {
+    const unsigned n = len < bits ? len : bits;
+    std::uint32_t v = 0;
+    for (unsigned i = 0; i < 3; ++i) v = v << 8 | (i * 8 < n ? key[i] : 0u);
+    if (n < 24) v &= ~((std::uint32_t{1} << (24 - n)) - 1);
+    return v >> (24 - bits);
 }
 
 // Longest match at most `len` long.  Searches (used while sets are built,
@@ -159,11 +227,18 @@ radix_node *longest_match(radix_head *head, const uint8_t *key, uint8_t len, boo
     const Tree t{head};
     radix_node *best = nullptr;
     Link l = head->root;
-    if (use_index && len >= 16 && head->count >= kIndexFrom) {
+    if (use_index && head->count >= kIndexFrom) {
         if (const RadixIndex *ix = index_of(head)) {
-            const unsigned p = static_cast<unsigned>(key[0]) << 8 | key[1];
-            best = ix->best[p];
-            l = ix->start[p] != nullptr ? *ix->start[p] : nullptr;
+            const IndexSlot &s = ix->slot[leading_bits(key, len, ix->bits)];
+            best = s.best;
+            if (len < ix->bits) {
+                // Every entry that can answer is shorter than B bits: the
+                // slot's best entry or one that covers it.
+                while (best != nullptr && t.len(best) > len)
+                    best = static_cast<radix_node *>(best->rn_up);
+                return best;
+            }
+            l = s.start;
         }
     }
     while (l != nullptr) {
@@ -210,9 +285,10 @@ int rn_insert(struct radix_head *head, void *entry) {
     const unsigned len = t.len(n);
     if (len > 128) return -1;
     // Inserts never run beside lookups: the index is simply made anew later.
-    delete head->index.exchange(nullptr);
+    std::free(head->index.exchange(nullptr));
     n->rn_link[0] = n->rn_link[1] = nullptr;
     n->rn_glue_link[0] = n->rn_glue_link[1] = nullptr;
+    n->rn_up = nullptr;
     n->rn_glue_bit = 0;
     if (head->root == nullptr) {
         head->root = n;
@@ -318,7 +394,7 @@ void rn_tree_destroy(struct radix_head **head) {
     }
     if (h->destructor != nullptr)
         for (radix_node *e : entries) h->destructor(e);
-    delete h->index.load();
+    std::free(h->index.load());
     delete h;
     *head = nullptr;
 }

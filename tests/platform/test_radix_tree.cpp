@@ -158,6 +158,33 @@ INSTANTIATE_TEST_SUITE_P(Widths, RadixRandom,
                                     (i.param.clustered ? "_clustered" : "_random");
                          });
 
+// Past 2^17 entries the lookup index is wider than two bytes.  The
+// reference is the exact search, which never uses the index: the longest
+// match is the longest length with an exact entry on the query's path.
+TEST_F(Radix, WideIndexAgreesWithExactSearches) {
+    std::mt19937 rng(17);
+    auto random_key = [&](uint8_t *k) {
+        std::memset(k, 0, 16);
+        for (int i = 0; i < 4; ++i) k[i] = static_cast<uint8_t>(rng());
+        k[0] = static_cast<uint8_t>(rng() % 4);  // deep subtrees under a few top prefixes
+    };
+    for (int i = 0; i < 140000; ++i) {
+        uint8_t k[16];
+        random_key(k);
+        const unsigned r = rng() % 100;
+        add(k, r < 2 ? rng() % 17 : r < 10 ? 17 + rng() % 6 : 23 + rng() % 10, i);
+    }
+    for (int i = 0; i < 20000; ++i) {
+        uint8_t q[16];
+        random_key(q);
+        const unsigned len = 16 + rng() % 17;
+        const void *want = nullptr;
+        for (int l = static_cast<int>(len); l >= 0 && want == nullptr; --l)
+            want = rn_search(head_, q, static_cast<uint8_t>(l));
+        ASSERT_EQ(rn_lookup(head_, q, static_cast<uint8_t>(len)), want) << i;
+    }
+}
+
 TEST_F(Radix, ConcurrentReadersSeeTheSameAnswers) {
     std::mt19937 rng(99);
     for (int i = 0; i < 3000; ++i) {
