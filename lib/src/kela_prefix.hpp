@@ -138,8 +138,6 @@ struct shared_kela_prefix_match_ctx_td {
 namespace kela::prefix {
 
 vogno match_ctx_build(std::uint32_t count, char **params, shared_kela_prefix_match_ctx_td *ctx);
-vogno match_ctx_add(shared_kela_prefix_match_ctx_td *ctx, const char *a1, const char *a2,
-                    const char *a3, const char *a4, bool acl);
 vogno match_ctx_cmp(void *route, std::uint32_t count, void **slots, void *ctx,
                     std::int32_t *result);
 

@@ -110,10 +110,11 @@ inline unsigned first_difference(const std::uint8_t *a, const std::uint8_t *b, u
     return n;
 }
 
-// Any entry in the subtree of a link.
+// Any entry in the subtree of a link.  A glue node's owner always lies
+// below it (the owner is one of the two sides it was made for, and entries
+// never move out of a subtree), so this reads one node.
 radix_node *some_entry(Link l) {
-    while (is_glue(l)) l = glue_owner(l)->rn_glue_link[0];
-    return entry_node(l);
+    return is_glue(l) ? glue_owner(l) : entry_node(l);
 }
 
 // Trees below this size are walked from the root: they stay in the cache
@@ -296,48 +297,48 @@ int rn_insert(struct radix_head *head, void *entry) {
         return 0;
     }
 
-    // Follow the new key as far as it leads, then measure where it parts
-    // from an entry found there.
-    Link l = head->root;
-    for (;;) {
+    // Follow the new key as far as it leads, keeping every link taken, then
+    // measure where it parts from an entry found there.  Each step goes at
+    // least one bit deeper, alternating at worst between entries and glue
+    // nodes, so 2 * 129 + 1 links hold any path.
+    Link *path[2 * 129 + 1];
+    unsigned depth = 0;
+    for (Link *step = &head->root;;) {
+        path[depth++] = step;
+        Link l = *step;
+        if (l == nullptr) break;
         if (is_glue(l)) {
             radix_node *g = glue_owner(l);
             if (g->rn_glue_bit >= len) break;
-            l = g->rn_glue_link[bit_at(k, g->rn_glue_bit)];
+            step = &g->rn_glue_link[bit_at(k, g->rn_glue_bit)];
         } else {
             radix_node *e = entry_node(l);
             if (t.len(e) >= len) break;
-            Link next = e->rn_link[bit_at(k, t.len(e))];
-            if (next == nullptr) break;
-            l = next;
+            step = &e->rn_link[bit_at(k, t.len(e))];
         }
     }
-    const radix_node *ref = some_entry(l);
+    Link last = *path[depth - 1];
+    const radix_node *ref = last != nullptr ? some_entry(last) : entry_node(*path[depth - 2]);
     const unsigned ref_len = t.len(ref);
     const unsigned d = first_difference(k, t.key(ref), len < ref_len ? len : ref_len);
 
-    // Walk again to the link where the new entry (or a glue node) goes.
-    Link *at = &head->root;
-    for (;;) {
-        Link x = *at;
+    // The link where the new entry (or a glue node) goes is on that path:
+    // the first one that does not lead on towards bit d.
+    Link *at = nullptr;
+    for (unsigned i = 0; at == nullptr; ++i) {
+        Link x = *path[i];
         if (x == nullptr) {
-            *at = n;
+            *path[i] = n;
             ++head->count;
             return 0;
         }
         if (is_glue(x)) {
-            radix_node *g = glue_owner(x);
-            if (g->rn_glue_bit >= d) break;
-            at = &g->rn_glue_link[bit_at(k, g->rn_glue_bit)];
+            if (glue_owner(x)->rn_glue_bit >= d) at = path[i];
         } else {
             radix_node *e = entry_node(x);
             const unsigned el = t.len(e);
             if (el == d && d == len) return 1;  // same key and length
-            if (el <= d && el < len) {
-                at = &e->rn_link[bit_at(k, el)];
-            } else {
-                break;
-            }
+            if (!(el <= d && el < len)) at = path[i];
         }
     }
 
