@@ -511,12 +511,46 @@ bool parse_route_json(const std::string &line, Route &r, RouteError &err) {
     return finish(r, err);
 }
 
-std::string destination_text(const Route &r) {
+namespace {
+
+// Decimal digits of n (below 1000) at p; returns the end.
+char *put_decimal(char *p, unsigned n) {
+    if (n >= 100) *p++ = static_cast<char>('0' + n / 100);
+    if (n >= 10) *p++ = static_cast<char>('0' + n / 10 % 10);
+    *p++ = static_cast<char>('0' + n % 10);
+    return p;
+}
+
+}  // namespace
+
+void append_destination(std::string &out, const Route &r) {
     const Prefix &p = r.destination;
-    if (p.family == 0) return "-";
+    if (p.family == 0) {
+        out += '-';
+        return;
+    }
+    // Every route's verdict line starts with this: IPv4 is written by hand,
+    // as the C library's formatting costs more than the policy itself.
     char buf[64];
-    inet_ntop(p.family == 2 ? AF_INET : AF_INET6, p.addr, buf, sizeof buf);
-    return std::string(buf) + "/" + std::to_string(p.len);
+    char *end = buf;
+    if (p.family == 2) {
+        for (int i = 0; i < 4; ++i) {
+            if (i != 0) *end++ = '.';
+            end = put_decimal(end, p.addr[i]);
+        }
+    } else {
+        inet_ntop(AF_INET6, p.addr, buf, sizeof buf);
+        end = buf + std::strlen(buf);
+    }
+    *end++ = '/';
+    end = put_decimal(end, p.len);
+    out.append(buf, end);
+}
+
+std::string destination_text(const Route &r) {
+    std::string out;
+    append_destination(out, r);
+    return out;
 }
 
 }  // namespace kp

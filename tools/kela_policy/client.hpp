@@ -56,5 +56,7 @@ bool parse_route_json(const std::string &line, Route &r, RouteError &err);
 
 // The route's destination as text ("10.0.0.0/8"), for output.
 std::string destination_text(const Route &r);
+// The same, appended to `out`.
+void append_destination(std::string &out, const Route &r);
 
 }  // namespace kp

@@ -261,7 +261,7 @@ Outcome evaluate(kp::Policy &policy, kp::Route &r, std::uint64_t key, bool expla
         out.accept = policy.default_accept;
         ++policy.default_hits;
     }
-    out.explain_json = "[" + ej + "]";
+    if (explain) out.explain_json = "[" + ej + "]";
     return out;
 }
 
@@ -364,7 +364,10 @@ int run(const Options &o) {
         if (o.parse_only) continue;
         const Outcome oc = evaluate(policy, r, lineno, o.explain);
         (oc.accept ? accepted : rejected) += 1;
-        const std::string rule = oc.rule != nullptr ? oc.rule->name : "default";
+        static const std::string default_rule = "default";
+        const std::string &rule = oc.rule != nullptr ? oc.rule->name : default_rule;
+        // One buffer for every verdict line: it is written a million times
+        // in a large run.
         out.clear();
         if (json) {
             out = "{\"line\":" + std::to_string(lineno) + ",\"route\":\"" +
@@ -379,14 +382,16 @@ int run(const Options &o) {
             if (o.explain) out += ",\"explain\":" + oc.explain_json;
             out += "}\n";
         } else {
-            out = kp::destination_text(r) + " " + (oc.accept ? "accept" : "reject") + " (rule " +
-                  rule + ")";
+            kp::append_destination(out, r);
+            out += oc.accept ? " accept (rule " : " reject (rule ";
+            out += rule;
+            out += ')';
             for (const auto &[name, change] : oc.changes)
                 out += " " + name + " " + change.first + " -> " + change.second;
             out += "\n";
             if (o.explain) out += oc.explain_text;
         }
-        std::fputs(out.c_str(), stdout);
+        std::fwrite(out.data(), 1, out.size(), stdout);
         if (progress && read % 65536 == 0) std::fprintf(stderr, "\rkela-policy: %zu routes", read);
     }
     if (progress && read >= 65536) std::fprintf(stderr, "\n");
