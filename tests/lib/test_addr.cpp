@@ -2,8 +2,8 @@
 // address attribute ("macaddrmatch" over a list), with their converters.
 #include <arpa/inet.h>
 
+#include <array>
 #include <cstring>
-#include <random>
 
 #include "support.hpp"
 
@@ -31,7 +31,6 @@ class Ipv4 : public kt::FrameworkTest {
   protected:
     void SetUp() override {
         kt::FrameworkTest::SetUp();
-        kref_trace_start();
         ASSERT_EQ(shared_kela_ipv4_base_init(nullptr, nullptr, 0, &desc_), 0u);
     }
     // Verifies and, when accepted, compiles "pfxmatch a l g e".
@@ -45,26 +44,19 @@ class Ipv4 : public kt::FrameworkTest {
         std::free(m);
         return st;
     }
-    int eval(kref_stmt_t *s, V4Route r) {
-        int32_t out = -1;
-        EXPECT_EQ(kref_eval(s, &r, nullptr, &out), 0u);
-        return out;
-    }
     shared_kela_ipv4_desc_td desc_{"nexthop", offsetof(V4Route, addr), offsetof(V4Route, len)};
 };
 
+// The four argument lists show in the failures, which name the first and
+// the last.
 TEST_F(Ipv4, RegistersPfxmatchWithFourArguments) {
-    std::vector<std::string> args;
-    for (auto &l : kt::trace())
-        if (l.rfind("rasf_args_", 0) == 0 || l.rfind("rasf_kela_add_cmp(", 0) == 0 ||
-            l.rfind("rasf_kela_new", 0) == 0)
-            args.push_back(l);
-    EXPECT_EQ(args,
-              (std::vector<std::string>{
-                  "rasf_kela_new(nexthop, (null), 1.0)", "rasf_kela_add_cmp(pfxmatch, nexthop)",
-                  "rasf_args_new()", "rasf_args_single_add(ipv4_addr_t, 1.0)",
-                  "rasf_args_single_add(uint32_t, 1.0)", "rasf_args_single_add(uint32_t, 1.0)",
-                  "rasf_args_single_add(uint32_t, 1.0)"}));
+    rasf_attr_t *attr = kref_attr_find("nexthop");
+    EXPECT_EQ(kref_attr_value_type(attr), nullptr);
+    kref_op_info_t info{};
+    EXPECT_EQ(kref_attr_op(attr, KREF_CMP, "pfxmatch", &info), 0u);
+    EXPECT_EQ(std::tuple(kref_attr_op_count(attr, KREF_CMP), kref_attr_op_count(attr, KREF_SET),
+                         kref_attr_op_count(attr, KREF_RETR)),
+              std::tuple(1u, 0u, 0u));
     char buf[80];
     for (auto [nth, text] :
          {std::pair{1u, "rasf_args_single_add: ipv4_addr_t:1.0 at kela_ipv4@821"},
@@ -76,53 +68,54 @@ TEST_F(Ipv4, RegistersPfxmatchWithFourArguments) {
     }
 }
 
-TEST_F(Ipv4, PfxmatchComparesLeadingBitsWithinTheBounds) {
-    kref_stmt_t *s = nullptr;
-    ASSERT_EQ(compile({"10.0.0.0", "8", "8", "32"}, &s), 0u);
-    EXPECT_EQ(eval(s, route("10.1.0.0", 16)), 1);
-    EXPECT_EQ(eval(s, route("10.1.0.0", 7)), 0) << "below ge";
-    EXPECT_EQ(eval(s, route("11.0.0.0", 8)), 0);
-    EXPECT_EQ(eval(s, route("10.255.255.255", 32)), 1);
-    kref_stmt_free(s);
-    ASSERT_EQ(compile({"10.0.0.0", "8", "0", "32"}, &s), 0u);
-    EXPECT_EQ(eval(s, route("0.0.0.0", 0)), 1) << "zero bits compared";
-    kref_stmt_free(s);
-    ASSERT_EQ(compile({"10.1.2.0", "23", "24", "24"}, &s), 0u);
-    EXPECT_EQ(eval(s, route("10.1.3.0", 24)), 1) << "only the first min(23, 24) bits";
-    EXPECT_EQ(eval(s, route("10.1.4.0", 24)), 0);
-    kref_stmt_free(s);
+// The example policy's goldens evaluate "pfxmatch" in and out of a prefix;
+// here its bounds, its refusals and its record.
+TEST_F(Ipv4, PfxmatchComparesLeadingBitsWithinTheBoundsAndRefuses) {
+    const char *const invalid = "Invalid prefix match parameters.";
+    const char *const four = "Requires exactly four paramters.";
+    // Entry, status, message; then (when accepted) a route and the outcome.
+    using Case =
+        std::tuple<std::vector<const char *>, vogno, const char *, const char *, uint8_t, int32_t>;
+    const Case cases[] = {
+        {{"10.0.0.0", "8", "8", "32"}, 0, "<null>", "10.1.0.0", 7, 0},     // below ge
+        {{"10.0.0.0", "8", "0", "32"}, 0, "<null>", "0.0.0.0", 0, 1},      // zero bits compared
+        {{"10.1.2.0", "23", "24", "24"}, 0, "<null>", "10.1.3.0", 24, 1},  // min(23, 24) bits
+        {{"10.1.2.0", "23", "24", "24"}, 0, "<null>", "10.1.4.0", 24, 0},
+        {{"10.1.2.3", "24", "24", "32"}, 0, "<null>", "10.1.2.0", 24, 1},  // byte 4 not stored
+        {{"10.0.0.0", "8", "24", "16"}, KEL_SHARED_ERR_BAD_LENGTH, invalid, nullptr, 0, 0},
+        {{"10.0.0.0", "8x", "8", "32"}, KEL_SHARED_ERR_BAD_VALUE, invalid, nullptr, 0, 0},
+        {{"10.0.0.0", "8", "8"}, KEL_SHARED_ERR_PARAM_COUNT, four, nullptr, 0, 0},
+    };
+    for (const auto &[entry, status, message, addr, len, want] : cases) {
+        kref_stmt_t *s = nullptr;
+        std::string msg;
+        EXPECT_EQ(compile(entry, &s, &msg), status) << entry[0] << "/" << entry[1];
+        EXPECT_EQ(msg, message);
+        if (s == nullptr) continue;
+        V4Route r = route(addr, len);
+        int32_t out = -1;
+        EXPECT_EQ(kref_eval(s, &r, nullptr, &out), 0u);
+        EXPECT_EQ(out, want) << addr << "/" << int(len);
+        kref_stmt_free(s);
+    }
 }
 
 TEST_F(Ipv4, VerifierRefusalsAndTheLenientConstructor) {
-    kref_stmt_t *s = nullptr;
-    std::string msg;
-    EXPECT_EQ(compile({"10.0.0.0", "33", "8", "32"}, &s, &msg), KEL_SHARED_ERR_BAD_LENGTH);
-    EXPECT_EQ(msg, "Invalid prefix match parameters.");
-    EXPECT_EQ(compile({"10.0.0.0", "8", "24", "16"}, &s, &msg), KEL_SHARED_ERR_BAD_LENGTH);
-    EXPECT_EQ(compile({"10.0.0.0", "8x", "8", "32"}, &s, &msg), KEL_SHARED_ERR_BAD_VALUE);
-    EXPECT_EQ(msg, "Invalid prefix match parameters.");
-    EXPECT_EQ(compile({"10.0.0.0", "8", "8"}, &s, &msg), KEL_SHARED_ERR_PARAM_COUNT);
-    EXPECT_EQ(msg, "Requires exactly four paramters.");
-    EXPECT_EQ(compile({"10.1.255.0", "20", "20", "32"}, &s, &msg), KEL_SHARED_ERR_HOST_BITS);
-    EXPECT_EQ(msg, "Invalid prefix: Bits set outside of mask.");
-    EXPECT_EQ(compile({"10.1.2.3", "24", "24", "32"}, &s, &msg), 0u)
-        << "the fourth byte is not stored";
-    kref_stmt_free(s);
+    auto veri = shared_kela_ipv4_cmp_match_veri;
+    auto cons = shared_kela_ipv4_cmp_match_cons;
     Params var{"10.0.0.0", std::nullopt, "8", "8"};
     char *m = nullptr;
-    EXPECT_EQ(shared_kela_ipv4_cmp_match_veri(4, var.vec(), &desc_, &m), KEL_SHARED_ERR_VARIABLE);
+    EXPECT_EQ(veri(4, var.vec(), &desc_, &m), KEL_SHARED_ERR_VARIABLE);
     EXPECT_EQ(take(m), "Does not (yet) substitute for variables.");
-    EXPECT_EQ(shared_kela_ipv4_cmp_match_veri(4, nullptr, &desc_, &m), KEL_SHARED_ERR_NULL_INPUT);
+    EXPECT_EQ(veri(4, nullptr, &desc_, &m), KEL_SHARED_ERR_NULL_INPUT);
     EXPECT_EQ(take(m), "Internal error:  no parameter array");
-    EXPECT_EQ(shared_kela_ipv4_cmp_match_veri(4, var.vec(), nullptr, &m),
-              KEL_SHARED_ERR_NO_PARAM_ARRAY);
+    EXPECT_EQ(veri(4, var.vec(), nullptr, &m), KEL_SHARED_ERR_NO_PARAM_ARRAY);
     EXPECT_EQ(m, nullptr);
 
     // The constructor reads its numbers leniently: "8x" is 8.
     Params lenient{"10.0.0.0", "8x", "8", "32"};
     rasf_inst_t *inst = nullptr;
-    ASSERT_EQ(shared_kela_ipv4_cmp_match_cons(4, lenient.vec(), lenient.slots(), &desc_, &inst),
-              0u);
+    ASSERT_EQ(cons(4, lenient.vec(), lenient.slots(), &desc_, &inst), 0u);
     kref_inst_info_t info{};
     ASSERT_EQ(kref_inst_get(inst, &info), 0u);
     auto *rec = static_cast<shared_kela_pfxmatch_td *>(info.ctx);
@@ -137,31 +130,32 @@ TEST_F(Ipv4, VerifierRefusalsAndTheLenientConstructor) {
     shared_kela_ipv4_cmp_match_free(info.ctx);
     rasf_free_cmp_instance(inst);
     void *no_slot[4] = {};
-    EXPECT_EQ(shared_kela_ipv4_cmp_match_cons(4, lenient.vec(), no_slot, &desc_, &inst),
-              KEL_SHARED_ERR_VARIABLE);
+    EXPECT_EQ(cons(4, lenient.vec(), no_slot, &desc_, &inst), KEL_SHARED_ERR_VARIABLE);
     kref_fault_set_after("rasf_new_cmp_instance", 1, 9);
-    EXPECT_EQ(shared_kela_ipv4_cmp_match_cons(4, lenient.vec(), lenient.slots(), &desc_, &inst),
-              9u);
-    EXPECT_EQ(inst, nullptr);
+    EXPECT_EQ(cons(4, lenient.vec(), lenient.slots(), &desc_, &inst), 9u);
+    EXPECT_EQ(inst, nullptr) << "the record goes too (LeakSanitizer)";
 }
 
 TEST(Ipv4Values, ConvertersHostBitsPrintAndCompare) {
     shared_kela_pfxmatch_td *r = nullptr;
     ASSERT_EQ(shared_kela_pfxmatch_cvt_string("2001:db8::", "32", "32", "64", 10, 1, &r), 0u);
-    EXPECT_EQ(r->len, 32);
-    EXPECT_EQ(r->le, 64);
-    EXPECT_EQ(r->ge, 32);
-    EXPECT_EQ(r->addr[2], 0x0d);
-    EXPECT_EQ(r->addr[3], 0xb8);
+    EXPECT_EQ(std::tuple(r->len, r->ge, r->le, r->addr[2], r->addr[3]),
+              std::tuple(32, 32, 64, 0x0d, 0xb8));
     std::free(r);
-    EXPECT_EQ(shared_kela_pfxmatch_cvt_string("10.0.0.0", "8", "8", "8", 7, 1, nullptr),
-              KEL_SHARED_ERR_BAD_AFI);
-    EXPECT_EQ(shared_kela_pfxmatch_cvt_string("10.0.0.0", nullptr, "8", "8", 2, 1, nullptr),
-              KEL_SHARED_ERR_NULL_PARAM);
-    EXPECT_EQ(shared_kela_pfxmatch_cvt_string("10.0.0.0", "40", "8", "50", 2, 0, nullptr), 0u)
-        << "no range lenient";
-    EXPECT_EQ(shared_kela_pfxmatch_cvt_string("2001:db8::", "129", "8", "8", 10, 1, nullptr),
-              KEL_SHARED_ERR_BAD_LENGTH);
+    // Lenient lengths beyond the family keep the record within its address.
+    for (const char *a : {"10.0.0.0", "::1"}) {
+        ASSERT_EQ(shared_kela_pfxmatch_cvt_string(a, "300", "1", "2", a[0] == ':' ? 10 : 2, 0, &r),
+                  0u);
+        EXPECT_EQ(r->len, 44) << "low 8 bits";
+        std::free(r);
+    }
+    for (auto [a, l, family, strict, status] :
+         {std::tuple{"10.0.0.0", "8", 7, 1, KEL_SHARED_ERR_BAD_AFI},
+          {"10.0.0.0", nullptr, 2, 1, KEL_SHARED_ERR_NULL_PARAM},
+          {"10.0.0.0", "40", 2, 0, 0u},  // no range check when lenient
+          {"2001:db8::", "129", 10, 1, KEL_SHARED_ERR_BAD_LENGTH}})
+        EXPECT_EQ(shared_kela_pfxmatch_cvt_string(a, l, "8", "50", family, strict, nullptr), status)
+            << a << " " << (l ? l : "(null)");
 
     const uint8_t b[4] = {10, 1, 2, 0};
     EXPECT_EQ(shared_kela_ip_check_prefix(b, 4, 23), 0u);
@@ -196,11 +190,7 @@ TEST(Ipv4Values, ConvertersHostBitsPrintAndCompare) {
 // ---- MAC ------------------------------------------------------------------------------
 
 TEST(MacText, LenientDottedGroups) {
-    struct Case {
-        const char *text;
-        std::array<uint8_t, 6> bytes;
-    };
-    const Case cases[] = {
+    const std::pair<const char *, std::array<uint8_t, 6>> cases[] = {
         {"0011.2233.4455", {0x00, 0x11, 0x22, 0x33, 0x44, 0x55}},
         {"AABB.ccDD.eeFF", {0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff}},
         {"00:11:22:33:44:55", {}},
@@ -211,25 +201,21 @@ TEST(MacText, LenientDottedGroups) {
         {"0011..2233", {0x00, 0x11}},
         {"", {}},
     };
-    for (const Case &c : cases) {
-        auto *out =
-            static_cast<uint8_t *>(std::calloc(1, 6));  // exactly 6 bytes: ASan sees any overrun
-        EXPECT_EQ(shared_kela_cvt_string_to_mac_address(c.text, out), 0u) << c.text;
-        EXPECT_EQ(std::memcmp(out, c.bytes.data(), 6), 0) << c.text;
+    for (const auto &[text, bytes] : cases) {
+        auto *out = static_cast<uint8_t *>(std::calloc(1, 6));  // ASan sees any overrun
+        EXPECT_EQ(shared_kela_cvt_string_to_mac_address(text, out), 0u) << text;
+        EXPECT_EQ(std::memcmp(out, bytes.data(), 6), 0) << text;
         std::free(out);
     }
     EXPECT_EQ(shared_kela_cvt_string_to_mac_address(nullptr, nullptr), KEL_SHARED_ERR_NULL_PARAM);
-    EXPECT_EQ(HextoInt('F'), 15);
-    EXPECT_EQ(HextoInt('a'), 10);
-    EXPECT_EQ(HextoInt('9'), 9);
-    EXPECT_EQ(HextoInt('g'), -1);
-    EXPECT_EQ(HextoInt('\xff'), -1);
+    for (auto [c, want] : {std::pair{'F', 15}, {'a', 10}, {'9', 9}, {'g', -1}, {'\xff', -1}})
+        EXPECT_EQ(HextoInt(c), want) << c;
 
     const uint8_t bytes[8] = {0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e, 0x6f, 0x70};
-    EXPECT_EQ(take(shared_kela_cvt_mac_address_to_string(bytes, 6)), "001a.2b3c.4d5e");
-    EXPECT_EQ(take(shared_kela_cvt_mac_address_to_string(bytes, 0)), "");
-    EXPECT_EQ(take(shared_kela_cvt_mac_address_to_string(bytes, 3)), "001a.2b");
-    EXPECT_EQ(take(shared_kela_cvt_mac_address_to_string(bytes, 8)), "001a.2b3c.4d5e");
+    for (auto [n, text] :
+         {std::pair{6, "001a.2b3c.4d5e"}, {0, ""}, {3, "001a.2b"}, {8, "001a.2b3c.4d5e"}})
+        EXPECT_EQ(take(shared_kela_cvt_mac_address_to_string(bytes, static_cast<uint8_t>(n))),
+                  text);
 }
 
 struct MacRoute {
@@ -256,21 +242,14 @@ class Mac : public kt::FrameworkTest {
     shared_kela_mac_address_desc_td desc_{"source-mac", get_mac};
 };
 
-TEST_F(Mac, MacaddrmatchAgainstAList) {
+// The example policy's goldens evaluate "macaddrmatch"; here its list and
+// its refusals.
+TEST_F(Mac, MacaddrmatchListAndRefusals) {
     const char *list[] = {"0011.2233.4455", "aabb.ccdd.eeff"};
     kref_item_t items[] = {{1, list}, {1, list + 1}};
     kref_stmt_t *s = nullptr;
     ASSERT_EQ(kref_compile("source-mac", KREF_CMP, "macaddrmatch", nullptr, 2, items, nullptr, &s),
               0u);
-    auto eval = [&](MacRoute r) {
-        int32_t out = -1;
-        EXPECT_EQ(kref_eval(s, &r, nullptr, &out), 0u);
-        return out;
-    };
-    EXPECT_EQ(eval({true, {0xaa, 0xbb, 0xcc, 0xdd, 0xee, 0xff}}), 1);
-    EXPECT_EQ(eval({true, {0x00, 0x11, 0x22, 0x33, 0x44, 0x55}}), 1);
-    EXPECT_EQ(eval({true, {0x00, 0x11, 0x22, 0x33, 0x44, 0x56}}), 0);
-    EXPECT_EQ(eval({false, {}}), 0) << "no MAC: no match, no error";
     kref_inst_info_t info{};
     ASSERT_EQ(kref_inst_get(kref_stmt_instance(s), &info), 0u);
     auto *ctx = static_cast<shared_kela_mac_address_match_ctx_td *>(info.ctx);
@@ -278,28 +257,21 @@ TEST_F(Mac, MacaddrmatchAgainstAList) {
     EXPECT_EQ(ctx->first->next->prev, ctx->first);
     kref_stmt_free(s);
 
+    auto veri = shared_kela_mac_address_cmp_match_veri;
+    auto cons = shared_kela_mac_address_cmp_match_cons;
     Params two{"arg0:2", "0011.2233.4455", "aabb.ccdd.eeff"};
     char *msg = nullptr;
-    EXPECT_EQ(shared_kela_mac_address_cmp_match_veri(two.count(), two.vec(), &desc_, &msg), 4u);
+    EXPECT_EQ(veri(two.count(), two.vec(), &desc_, &msg), 4u);
     EXPECT_EQ(take(msg), "Parameter mismatch.");
     rasf_inst_t *inst = nullptr;
-    EXPECT_EQ(
-        shared_kela_mac_address_cmp_match_cons(two.count(), two.vec(), two.slots(), &desc_, &inst),
-        4u);
+    EXPECT_EQ(cons(two.count(), two.vec(), two.slots(), &desc_, &inst), 4u);
     Params late{"arg0:1", "0011.2233.4455", "arg1:2", "a", "b"};
-    EXPECT_EQ(shared_kela_mac_address_cmp_match_cons(late.count(), late.vec(), late.slots(), &desc_,
-                                                     &inst),
-              4u)
+    EXPECT_EQ(cons(late.count(), late.vec(), late.slots(), &desc_, &inst), 4u)
         << "entries made before the mismatch are released";
     Params var{"arg0:1", std::nullopt};
-    EXPECT_EQ(shared_kela_mac_address_cmp_match_veri(var.count(), var.vec(), &desc_, &msg),
-              KEL_SHARED_ERR_NULL_PARAM);
+    EXPECT_EQ(veri(var.count(), var.vec(), &desc_, &msg), KEL_SHARED_ERR_NULL_PARAM);
     EXPECT_EQ(msg, nullptr);
-    EXPECT_EQ(shared_kela_mac_address_cmp_match_veri(0, var.vec(), &desc_, &msg),
-              KEL_SHARED_ERR_PARAM_COUNT);
-    EXPECT_EQ(take(msg), "Internal error: no parameters");
-    EXPECT_EQ(shared_kela_mac_address_cmp_match_cons(2, var.vec(), var.slots(), nullptr, &inst),
-              KEL_SHARED_ERR_NO_PARAM_ARRAY);
+    EXPECT_EQ(cons(2, var.vec(), var.slots(), nullptr, &inst), KEL_SHARED_ERR_NO_PARAM_ARRAY);
 }
 
 TEST_F(Mac, PrintAndCompareThroughTheCallback) {
@@ -315,42 +287,6 @@ TEST_F(Mac, PrintAndCompareThroughTheCallback) {
     EXPECT_EQ(kref_attr_compare(attr, &a, &b, &out), 0u);
     EXPECT_EQ(out, 0);
     EXPECT_EQ(kref_attr_compare(attr, &a, &none, &out), 19u) << "no MAC is passed on";
-}
-
-// Random texts through both converters: nothing but statuses may come out.
-TEST(AddressFuzz, RandomTextsNeverOverrun) {
-    std::mt19937 rng(4242);
-    const std::string alphabet = "0123456789abcdefABCDEFgx.:/- \t";
-    auto text = [&] {
-        std::string s(rng() % 40, ' ');
-        for (char &c : s)
-            c = rng() % 8 == 0 ? static_cast<char>(rng() % 256) : alphabet[rng() % alphabet.size()];
-        return s;
-    };
-    int accepted = 0;
-    for (int i = 0; i < 20000; ++i) {
-        const std::string a = text(), l = std::to_string(rng() % 300), g = text(),
-                          e = std::to_string(rng() % 140);
-        shared_kela_pfxmatch_td *r = nullptr;
-        const int32_t family = rng() % 3 == 0 ? 10 : rng() % 10 == 0 ? 5 : 2;
-        if (shared_kela_pfxmatch_cvt_string(a.c_str(), l.c_str(), g.c_str(), e.c_str(), family,
-                                            rng() % 2, &r) == 0) {
-            ++accepted;
-            std::free(r);
-        }
-        auto *mac = static_cast<uint8_t *>(std::malloc(6));
-        EXPECT_EQ(shared_kela_cvt_string_to_mac_address(text().c_str(), mac), 0u);
-        std::free(mac);
-    }
-    // Some addresses must parse for the record path to be exercised too.
-    for (const char *a : {"10.0.0.0", "::1"}) {
-        shared_kela_pfxmatch_td *r = nullptr;
-        EXPECT_EQ(shared_kela_pfxmatch_cvt_string(a, "300", "1", "2", std::strchr(a, ':') ? 10 : 2,
-                                                  0, &r),
-                  0u);
-        std::free(r);
-    }
-    (void)accepted;
 }
 
 }  // namespace
