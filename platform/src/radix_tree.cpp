@@ -40,7 +40,8 @@ struct IndexSlot {
 };
 struct RadixIndex {
     unsigned bits;
-    IndexSlot *slot;  // 1 << bits of them, right after this header
+    std::uint64_t generation;  // unique in the process: names this tree as it now is
+    IndexSlot *slot;           // 1 << bits of them, right after this header
 };
 
 struct radix_head {
@@ -202,7 +203,9 @@ const RadixIndex *index_of(radix_head *h) {
     auto *ix = static_cast<RadixIndex *>(
         std::malloc(sizeof(RadixIndex) + (std::size_t{1} << bits) * sizeof(IndexSlot)));
     if (ix == nullptr) return nullptr;
+    static std::atomic<std::uint64_t> generations{0};
     ix->bits = bits;
+    ix->generation = generations.fetch_add(1, std::memory_order_relaxed) + 1;
     ix->slot = reinterpret_cast<IndexSlot *>(ix + 1);
     fill_index(h, *ix, h->root, 0, 0, nullptr);
     link_up(h);
@@ -220,28 +223,8 @@ std::uint32_t leading_bits(const std::uint8_t *key, unsigned len, unsigned bits)
     return v >> (24 - bits);
 }
 
-// Longest match at most `len` long.  Searches (used while sets are built,
-// between inserts) walk from the root; lookups use the index of a large
-// tree.
-radix_node *longest_match(radix_head *head, const uint8_t *key, uint8_t len, bool use_index) {
-    if (head == nullptr || key == nullptr) return nullptr;
-    const Tree t{head};
-    radix_node *best = nullptr;
-    Link l = head->root;
-    if (use_index && head->count >= kIndexFrom) {
-        if (const RadixIndex *ix = index_of(head)) {
-            const IndexSlot &s = ix->slot[leading_bits(key, len, ix->bits)];
-            best = s.best;
-            if (len < ix->bits) {
-                // Every entry that can answer is shorter than B bits: the
-                // slot's best entry or one that covers it.
-                while (best != nullptr && t.len(best) > len)
-                    best = static_cast<radix_node *>(best->rn_up);
-                return best;
-            }
-            l = s.start;
-        }
-    }
+// Walks down from link l, `best` being the best entry above it.
+radix_node *walk(const Tree &t, Link l, const uint8_t *key, unsigned len, radix_node *best) {
     while (l != nullptr) {
         if (is_glue(l)) {
             const radix_node *g = glue_owner(l);
@@ -262,6 +245,55 @@ radix_node *longest_match(radix_head *head, const uint8_t *key, uint8_t len, boo
         l = e->rn_link[bit_at(key, el)];
     }
     return best;
+}
+
+// This thread's last indexed answer, if any; its generation says whether
+// the entry still belongs to a live, unchanged tree.
+struct LastAnswer {
+    std::uint64_t generation = 0;
+    radix_node *entry = nullptr;
+};
+thread_local LastAnswer t_last;
+
+radix_node *remember(const RadixIndex *ix, radix_node *found) {
+    if (found != nullptr) t_last = {ix->generation, found};
+    return found;
+}
+
+// Longest match at most `len` long.  Searches (used while sets are built,
+// between inserts) walk from the root; lookups use the index of a large
+// tree.
+radix_node *longest_match(radix_head *head, const uint8_t *key, uint8_t len, bool use_index) {
+    if (head == nullptr || key == nullptr) return nullptr;
+    const Tree t{head};
+    radix_node *best = nullptr;
+    Link l = head->root;
+    if (use_index && head->count >= kIndexFrom) {
+        if (const RadixIndex *ix = index_of(head)) {
+            // A key that extends this thread's last answer, bounded below
+            // its length, is answered by an entry covering that answer: the
+            // walk down a prefix set's covering keys costs no index slot.
+            LastAnswer &last = t_last;
+            if (last.generation == ix->generation && len < t.len(last.entry) &&
+                prefix_equal(t.key(last.entry), key, t.len(last.entry))) {
+                best = static_cast<radix_node *>(last.entry->rn_up);
+                while (best != nullptr && t.len(best) > len)
+                    best = static_cast<radix_node *>(best->rn_up);
+                return remember(ix, best);
+            }
+            const IndexSlot &s = ix->slot[leading_bits(key, len, ix->bits)];
+            best = s.best;
+            if (len < ix->bits) {
+                // Every entry that can answer is shorter than B bits: the
+                // slot's best entry or one that covers it.
+                while (best != nullptr && t.len(best) > len)
+                    best = static_cast<radix_node *>(best->rn_up);
+                return remember(ix, best);
+            }
+            return remember(ix, walk(t, s.start, key, len, best));
+        }
+    }
+    return walk(t, l, key, len, best);
 }
 
 }  // namespace

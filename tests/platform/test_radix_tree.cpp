@@ -174,15 +174,52 @@ TEST_F(Radix, WideIndexAgreesWithExactSearches) {
         const unsigned r = rng() % 100;
         add(k, r < 2 ? rng() % 17 : r < 10 ? 17 + rng() % 6 : 23 + rng() % 10, i);
     }
+    // Each query goes down its covering keys as a prefix set does: every
+    // lookup after the first is bounded below the previous answer.
     for (int i = 0; i < 20000; ++i) {
         uint8_t q[16];
         random_key(q);
-        const unsigned len = 16 + rng() % 17;
-        const void *want = nullptr;
-        for (int l = static_cast<int>(len); l >= 0 && want == nullptr; --l)
-            want = rn_search(head_, q, static_cast<uint8_t>(l));
-        ASSERT_EQ(rn_lookup(head_, q, static_cast<uint8_t>(len)), want) << i;
+        for (unsigned len = 16 + rng() % 17;;) {
+            const void *want = nullptr;
+            for (int l = static_cast<int>(len); l >= 0 && want == nullptr; --l)
+                want = rn_search(head_, q, static_cast<uint8_t>(l));
+            const auto *got = static_cast<const Entry *>(rn_lookup(head_, q, static_cast<uint8_t>(len)));
+            ASSERT_EQ(got, want) << i << " /" << len;
+            if (got == nullptr || got->keylen == 0) break;
+            len = got->keylen - 1u;
+        }
     }
+}
+
+TEST_F(Radix, AnswersOfOneTreeNeverLeakIntoAnother) {
+    // Two large trees with the same keys: a lookup in one, bounded below an
+    // answer just given by the other, must answer from its own entries.
+    radix_head *other = rn_tree_init(offsetof(Entry, key), offsetof(Entry, keylen), destroy);
+    std::mt19937 rng(5);
+    int other_count = 0;
+    for (int i = 0; i < 2000; ++i) {
+        uint8_t k[16] = {static_cast<uint8_t>(rng() % 4), static_cast<uint8_t>(rng()),
+                         static_cast<uint8_t>(rng())};
+        const unsigned len = 8 + rng() % 17;
+        if (add(k, len, i) != 0) continue;
+        auto *e = static_cast<Entry *>(std::calloc(1, sizeof(Entry)));
+        e->id = -1 - i;
+        e->keylen = static_cast<uint8_t>(len);
+        std::memcpy(e->key, k, 16);
+        ASSERT_EQ(rn_insert(other, e), 0);
+        ++other_count;
+    }
+    for (int i = 0; i < 2000; ++i) {
+        uint8_t q[16] = {static_cast<uint8_t>(rng() % 4), static_cast<uint8_t>(rng()),
+                         static_cast<uint8_t>(rng())};
+        const auto *mine = static_cast<const Entry *>(rn_lookup(head_, q, 24));
+        if (mine == nullptr || mine->keylen == 0) continue;
+        const auto *theirs =
+            static_cast<const Entry *>(rn_lookup(other, q, static_cast<uint8_t>(mine->keylen - 1)));
+        ASSERT_TRUE(theirs == nullptr || theirs->id < 0) << i;
+    }
+    rn_tree_destroy(&other);
+    destroyed -= other_count;
 }
 
 TEST_F(Radix, ConcurrentReadersSeeTheSameAnswers) {
