@@ -22,24 +22,28 @@
 
 #include "radix.h"
 
-// Trees past a few hundred entries get a direct index of their first B bits
-// (B grows with the tree, from 8 to 20), built by the first lookup after the
-// last insert: for each B-bit prefix, the best entry shorter than B bits on
-// its path and the node where the walk goes on.  A lookup then starts near
-// the depth of its answer instead of at the root, so that a large set costs
+// Trees past a few hundred entries get a direct index of B bits (B grows
+// with the tree, from 8 to 20), built by the first lookup after the last
+// insert.  The indexed bits start where the tree first branches, as the
+// keys of a set drawn from a few blocks share their leading bits.  For each
+// value of those bits a slot holds the best entry ending before them on its
+// path and the node where the walk goes on.  A lookup then starts near the
+// depth of its answer instead of at the root, so that a large set costs
 // about as many dependent memory reads as a small one.  Both halves of a
 // slot share one cache line.
 //
 // The same pass links every entry to the nearest shorter entry covering it
-// (rn_up).  A lookup bounded below B bits, as the repeated lookups of a
-// prefix set are, climbs those links from the slot's best entry instead of
-// walking down from the root.
+// (rn_up).  A lookup bounded before the slot's bits end, as the repeated
+// lookups of a prefix set are, climbs those links from the slot's best
+// entry instead of walking down from the root.
 struct IndexSlot {
     void *start;       // tagged link to walk on from; null: the walk ends
-    radix_node *best;  // best entry shorter than B bits
+    radix_node *best;  // best entry ending before the indexed bits do
 };
 struct RadixIndex {
     unsigned bits;
+    unsigned skip;              // every entry agrees with `common` on its first skip bits (or on all
+    std::uint8_t common[16];    // of its own, when shorter): the slots index the B bits after those
     std::uint64_t generation;  // unique in the process: names this tree as it now is
     IndexSlot *slot;           // 1 << bits of them, right after this header
 };
@@ -131,45 +135,85 @@ unsigned index_bits(std::size_t count) {
     return b < kIndexMinBits ? kIndexMinBits : b > kIndexMaxBits ? kIndexMaxBits : b;
 }
 
-// Fills the slots of every B-bit prefix that starts with the `known` bits
-// of `p` with where a walk from the root would be at depth B.  A node that
-// needs a bit not yet known splits the prefix in two; each slot is filled
+// Bits [from, from + count) of a key of `len` bits as a number, bits past
+// `len` as zeros (count <= 24; no byte past the key's length is read).
+std::uint32_t bits_at(const std::uint8_t *key, unsigned len, unsigned from, unsigned count) {
+    const unsigned end = len < from + count ? len : from + count;
+    if (end <= from) return 0;
+    const unsigned first = from / 8, bytes = (end + 7) / 8;
+    std::uint32_t w = 0;
+    for (unsigned i = first; i < first + 4; ++i) w = w << 8 | (i < bytes ? key[i] : 0u);
+    const unsigned lead = from - first * 8, kept = end - from;  // lead + count <= 31
+    w = (w << lead) >> (32 - count);
+    return kept < count ? w & ~((std::uint32_t{1} << (count - kept)) - 1) : w;
+}
+
+inline void set_bit(std::uint8_t *key, unsigned b, int v) {
+    const auto m = static_cast<std::uint8_t>(0x80u >> (b & 7));
+    key[b >> 3] = static_cast<std::uint8_t>(v != 0 ? key[b >> 3] | m : key[b >> 3] & ~m);
+}
+
+// Fills the slots of every key that starts with the first `known` bits of
+// `k` with where a walk from the root would be at bit skip + B.  A node that
+// needs a bit not yet known splits the key in two; each slot is filled
 // once, so the whole index takes O(2^B + entries) steps.
-void fill_index(const radix_head *h, RadixIndex &ix, Link l, std::uint32_t p, unsigned known,
-                radix_node *best) {
+void fill_index(const radix_head *h, RadixIndex &ix, Link l, const std::uint8_t *k,
+                unsigned known, radix_node *best) {
     const Tree t{h};
-    const unsigned B = ix.bits;
-    auto bit_of = [&](unsigned b) { return static_cast<int>((p >> (known - 1 - b)) & 1u); };
+    const unsigned end = ix.skip + ix.bits;
     auto fill = [&](Link start, radix_node *b) {
-        const std::uint32_t from = p << (B - known), to = (p + 1) << (B - known);
+        const unsigned free_bits = end - known;
+        const std::uint32_t p = bits_at(k, known, ix.skip, ix.bits) >> free_bits;
+        const std::uint32_t from = p << free_bits, to = (p + 1) << free_bits;
         for (std::uint32_t i = from; i < to; ++i) ix.slot[i] = {start, b};
     };
     auto split = [&] {
-        fill_index(h, ix, l, p << 1, known + 1, best);
-        fill_index(h, ix, l, p << 1 | 1u, known + 1, best);
+        std::uint8_t half[16];
+        std::memcpy(half, k, sizeof half);
+        for (int v = 0; v < 2; ++v) {
+            set_bit(half, known, v);
+            fill_index(h, ix, l, half, known + 1, best);
+        }
     };
     for (;;) {
         if (l == nullptr) return fill(nullptr, best);
         if (is_glue(l)) {
             const radix_node *g = glue_owner(l);
-            if (g->rn_glue_bit >= B) return fill(l, best);
+            if (g->rn_glue_bit >= end) return fill(l, best);
             if (g->rn_glue_bit >= known) return split();
-            l = g->rn_glue_link[bit_of(g->rn_glue_bit)];
+            l = g->rn_glue_link[bit_at(k, g->rn_glue_bit)];
             continue;
         }
         radix_node *e = entry_node(l);
         const unsigned el = t.len(e);
-        if (el >= B) return fill(l, best);
-        // The known bits, left-aligned in key bytes.
-        const std::uint32_t v = known == 0 ? 0 : p << (32 - known);
-        const std::uint8_t k[4] = {static_cast<std::uint8_t>(v >> 24),
-                                   static_cast<std::uint8_t>(v >> 16),
-                                   static_cast<std::uint8_t>(v >> 8), static_cast<std::uint8_t>(v)};
+        if (el >= end) return fill(l, best);
         if (!prefix_equal(t.key(e), k, el < known ? el : known)) return fill(nullptr, best);
         if (el >= known) return split();  // bits up to el (and bit el itself) are needed
         best = e;
-        l = e->rn_link[bit_of(el)];
+        l = e->rn_link[bit_at(k, el)];
     }
+}
+
+// Where the tree first branches: the entries above that bit form one chain,
+// and every entry agrees with the one found there on the bits before it.
+// Keys from a few blocks of a large space share many leading bits; the
+// index then spends its slots on the bits that tell entries apart.
+unsigned first_branch(const radix_head *h, const radix_node **from) {
+    const Tree t{h};
+    Link l = h->root;
+    const radix_node *last = nullptr;
+    while (l != nullptr) {
+        if (is_glue(l)) {
+            *from = glue_owner(l);
+            return glue_owner(l)->rn_glue_bit;
+        }
+        const radix_node *e = entry_node(l);
+        last = e;
+        if (e->rn_link[0] != nullptr && e->rn_link[1] != nullptr) break;
+        l = e->rn_link[0] != nullptr ? e->rn_link[0] : e->rn_link[1];
+    }
+    *from = last;
+    return last != nullptr ? t.len(last) : 0;
 }
 
 // Sets every entry's rn_up: everything below an entry extends its key, so
@@ -205,22 +249,20 @@ const RadixIndex *index_of(radix_head *h) {
     if (ix == nullptr) return nullptr;
     static std::atomic<std::uint64_t> generations{0};
     ix->bits = bits;
+    const radix_node *from = nullptr;
+    const unsigned branch = first_branch(h, &from);
+    ix->skip = branch < 128 - bits ? branch : 128 - bits;
+    std::memset(ix->common, 0, sizeof ix->common);
+    if (from != nullptr) {
+        std::memcpy(ix->common, Tree{h}.key(from), (ix->skip + 7) / 8);
+        if (ix->skip % 8 != 0) ix->common[ix->skip / 8] &= static_cast<std::uint8_t>(0xFF00u >> (ix->skip % 8));
+    }
     ix->generation = generations.fetch_add(1, std::memory_order_relaxed) + 1;
     ix->slot = reinterpret_cast<IndexSlot *>(ix + 1);
-    fill_index(h, *ix, h->root, 0, 0, nullptr);
+    fill_index(h, *ix, h->root, ix->common, ix->skip, nullptr);
     link_up(h);
     h->index.store(ix, std::memory_order_release);
     return ix;
-}
-
-// The first `bits` bits of a key of `len` bits, bits past `len` as zeros
-// (bits <= 24; no byte past the key's length is read).
-std::uint32_t leading_bits(const std::uint8_t *key, unsigned len, unsigned bits) {
-    const unsigned n = len < bits ? len : bits;
-    std::uint32_t v = 0;
-    for (unsigned i = 0; i < 3; ++i) v = v << 8 | (i * 8 < n ? key[i] : 0u);
-    if (n < 24) v &= ~((std::uint32_t{1} << (24 - n)) - 1);
-    return v >> (24 - bits);
 }
 
 // Walks down from link l, `best` being the best entry above it.
@@ -281,11 +323,14 @@ radix_node *longest_match(radix_head *head, const uint8_t *key, uint8_t len, boo
                     best = static_cast<radix_node *>(best->rn_up);
                 return remember(ix, best);
             }
-            const IndexSlot &s = ix->slot[leading_bits(key, len, ix->bits)];
+            // Keys off the common bits are answered by the chain above them.
+            if (len < ix->skip || !prefix_equal(ix->common, key, ix->skip))
+                return remember(ix, walk(t, l, key, len, nullptr));
+            const IndexSlot &s = ix->slot[bits_at(key, len, ix->skip, ix->bits)];
             best = s.best;
-            if (len < ix->bits) {
-                // Every entry that can answer is shorter than B bits: the
-                // slot's best entry or one that covers it.
+            if (len < ix->skip + ix->bits) {
+                // Every entry that can answer ends before the slot's bits do:
+                // the slot's best entry or one that covers it.
                 while (best != nullptr && t.len(best) > len)
                     best = static_cast<radix_node *>(best->rn_up);
                 return remember(ix, best);
