@@ -76,7 +76,7 @@ out.append(f"- insert in key order (as a prefix set files its entries): {counter
 out.append(f"- bounded longest match: {ns('BM_RadixLookup/100000'):.0f} ns per lookup")
 out.append("")
 out.append("## Workload\n")
-out.append("- Sets and routes come from `bench/generate.py` and the benchmark's own generator with fixed seeds: "
+out.append("- Sets and routes come from `bench/generate.py` and the benchmark's own generator, each from a fixed random state: "
            "prefix lengths shaped like a public table (mostly /24 and /48), 10 % of entries with ge/le ranges.")
 out.append("- Lookups cycle over 4,096 queries per set, half inside an entry of the set and half anywhere, so the "
            "index slots and upper tree levels they use stay warm in the caches; the end-to-end run evaluates "
