@@ -169,9 +169,8 @@ KELA_SHARED_API vogno shared_kela_prefix_cvt_string_to_matchspec(
     SpecRoom room;
     if (vogno st = parse_length_form(addr_text, len_text, ge_text, le_text, room.spec()); st != 0)
         return st;
-    SpecPtr spec = alloc_spec(room.spec()->family);
+    SpecPtr spec = copy_spec(room.spec());
     if (!spec) return KEL_SHARED_ERR_NO_MEMORY;
-    std::memcpy(spec.get(), room.spec(), spec_bytes(room.spec()->family));
     *out = spec.release();
     return 0;
 }

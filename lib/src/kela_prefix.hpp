@@ -46,6 +46,14 @@ inline SpecPtr alloc_spec(std::uint8_t family) {
     return SpecPtr(static_cast<shared_kela_prefix_matchspec_td *>(std::calloc(1, spec_bytes(family))));
 }
 
+// A heap copy of a length-form entry record (no mask); null when it cannot
+// be allocated.
+inline SpecPtr copy_spec(const shared_kela_prefix_matchspec_td *from) {
+    SpecPtr spec = alloc_spec(from->family);
+    if (spec) std::memcpy(spec.get(), from, spec_bytes(from->family));
+    return spec;
+}
+
 // Room on the stack for an entry record of either family, so that a parse
 // need not allocate before it knows where the record will live.
 struct SpecRoom {

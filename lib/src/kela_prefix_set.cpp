@@ -206,9 +206,8 @@ vogno file_record(Ctx *ctx, kela::CPtr<Info> info) {
     }
     auto *held = static_cast<Info *>(rn_search(tree, info->key, info->keylen));
     if (held == nullptr) return KEL_SHARED_ERR_TREE_INSERT;
-    SpecPtr spec = alloc_spec(first->family);
+    SpecPtr spec = copy_spec(first);
     if (!spec) return KEL_SHARED_ERR_NO_MEMORY;
-    std::memcpy(spec.get(), first, spec_bytes(first->family));
     shared_kela_prefix_matchspec_td *raw = spec.release();
     vogno st = info_add_matchspec(held, &raw, upper_bound(ctx, first->family));
     if (st != 0) free_spec(raw);
@@ -316,9 +315,8 @@ vogno add_entry(Ctx *ctx, Pending &pending, const char *a1, const char *a2, cons
             if (info == nullptr) return KEL_SHARED_ERR_NO_MEMORY;
             return pending.push(info);
         }
-        spec = alloc_spec(parsed->family);
+        spec = copy_spec(parsed);
         if (!spec) return KEL_SHARED_ERR_NO_MEMORY;
-        std::memcpy(spec.get(), parsed, spec_bytes(parsed->family));
     }
     if (all_zero(spec->addr, shared_kela_prefix_key_bytes(spec->family))) {
         const std::uint8_t upper = upper_bound(ctx, spec->family);

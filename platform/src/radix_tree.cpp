@@ -289,6 +289,12 @@ radix_node *walk(const Tree &t, Link l, const uint8_t *key, unsigned len, radix_
     return best;
 }
 
+// The first of e and the entries covering it that is at most len long.
+radix_node *climb(const Tree &t, radix_node *e, unsigned len) {
+    while (e != nullptr && t.len(e) > len) e = static_cast<radix_node *>(e->rn_up);
+    return e;
+}
+
 // This thread's last indexed answer, if any; its generation says whether
 // the entry still belongs to a live, unchanged tree.
 struct LastAnswer {
@@ -308,8 +314,6 @@ radix_node *remember(const RadixIndex *ix, radix_node *found) {
 radix_node *longest_match(radix_head *head, const uint8_t *key, uint8_t len, bool use_index) {
     if (head == nullptr || key == nullptr) return nullptr;
     const Tree t{head};
-    radix_node *best = nullptr;
-    Link l = head->root;
     if (use_index && head->count >= kIndexFrom) {
         if (const RadixIndex *ix = index_of(head)) {
             // A key that extends this thread's last answer, bounded below
@@ -318,27 +322,21 @@ radix_node *longest_match(radix_head *head, const uint8_t *key, uint8_t len, boo
             LastAnswer &last = t_last;
             if (last.generation == ix->generation && len < t.len(last.entry) &&
                 prefix_equal(t.key(last.entry), key, t.len(last.entry))) {
-                best = static_cast<radix_node *>(last.entry->rn_up);
-                while (best != nullptr && t.len(best) > len)
-                    best = static_cast<radix_node *>(best->rn_up);
-                return remember(ix, best);
+                return remember(ix, climb(t, static_cast<radix_node *>(last.entry->rn_up), len));
             }
             // Keys off the common bits are answered by the chain above them.
             if (len < ix->skip || !prefix_equal(ix->common, key, ix->skip))
-                return remember(ix, walk(t, l, key, len, nullptr));
+                return remember(ix, walk(t, head->root, key, len, nullptr));
             const IndexSlot &s = ix->slot[bits_at(key, len, ix->skip, ix->bits)];
-            best = s.best;
             if (len < ix->skip + ix->bits) {
                 // Every entry that can answer ends before the slot's bits do:
                 // the slot's best entry or one that covers it.
-                while (best != nullptr && t.len(best) > len)
-                    best = static_cast<radix_node *>(best->rn_up);
-                return remember(ix, best);
+                return remember(ix, climb(t, s.best, len));
             }
-            return remember(ix, walk(t, s.start, key, len, best));
+            return remember(ix, walk(t, s.start, key, len, s.best));
         }
     }
-    return walk(t, l, key, len, best);
+    return walk(t, head->root, key, len, nullptr);
 }
 
 }  // namespace
