@@ -10,6 +10,11 @@
 //              of the retriever's rasf_args_new
 //   kValueSet  whether the width has "matches-any" (32 bits only), then
 //              registered second as kAnyOp
+//   kPrint ... the width's exported base functions, setter constructor and
+//              retriever callbacks (KELA_UINT_REGISTERED): those, not the
+//              template's own functions, are what the framework receives,
+//              so that a client comparing registered pointers with the
+//              exported names recognises them
 // Every value the module computes with is an unsigned 32-bit number; only
 // the route record holds the value in its own width.
 #ifndef KELA_UINT_HPP
@@ -169,11 +174,11 @@ struct Uint {
         }
     }
     static constexpr auto kOps = make_ops();
-    static constexpr OpSpec kAssign{"assign", &match_veri, &assign_cons, nullptr,
+    static constexpr OpSpec kAssign{"assign", &match_veri, W::kAssignCons, nullptr,
                                     one_arg("uint32_t", W::kNumbers[6], W::kNumbers[7])};
-    static constexpr OpSpec kRetriever{nullptr, &retr_veri, &retr_cons, nullptr,
+    static constexpr OpSpec kRetriever{nullptr, W::kRetrVeri, W::kRetrCons, nullptr,
                                        no_args(W::kNumbers[8])};
-    static constexpr TypeSpec kSpec{W::kFile, "uint32_t", &base_print, &base_cmp,
+    static constexpr TypeSpec kSpec{W::kFile, "uint32_t", W::kPrint,  W::kCmp,
                                     kOps,     &kAssign,   &kRetriever};
 
     static vogno shared_init(void *reg_ctx, char *errbuf, std::int32_t errlen, Desc *desc,
@@ -191,6 +196,15 @@ struct Uint {
 };
 
 }  // namespace kela
+
+// Inside a width's traits: the exported functions that registration hands to
+// the framework.
+#define KELA_UINT_REGISTERED(W)                                                          \
+    static constexpr rasf_base_print_fn kPrint = &shared_kela_##W##_base_print;          \
+    static constexpr rasf_base_cmp_fn kCmp = &shared_kela_##W##_base_cmp;                \
+    static constexpr rasf_construct_fn kAssignCons = &shared_kela_##W##_set_assign_cons; \
+    static constexpr rasf_verify_fn kRetrVeri = &shared_kela_##W##_retr_veri;            \
+    static constexpr rasf_construct_fn kRetrCons = &shared_kela_##W##_retr_cons
 
 // The exported names of one width, each a one-line forward to the template.
 #define KELA_UINT_EXPORTS(W, U)                                                                    \

@@ -9,6 +9,7 @@ struct Width16 {
     static constexpr std::uint16_t kFullMax = 65535;
     static constexpr bool kValueSet = false;
     static constexpr int kNumbers[] = {930, 931, 946, 947, 962, 963, 978, 979, 994};
+    KELA_UINT_REGISTERED(uint16);
 };
 }  // namespace
 

@@ -15,6 +15,7 @@ struct Width32 {
     static constexpr const char *kFile = "kela_uint32";
     static constexpr std::uint32_t kFullMax = 0xFFFFFFFFu;
     static constexpr int kNumbers[] = {1279, 1280, 1311, 1312, 1327, 1328, 1343, 1344, 1359};
+    KELA_UINT_REGISTERED(uint32);
     static constexpr bool kValueSet = true;
     static constexpr kela::OpSpec kAnyOp{
         "matches-any", shared_kela_uint32_cmp_any_veri, shared_kela_uint32_cmp_any_cons,

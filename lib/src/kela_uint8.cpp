@@ -9,6 +9,7 @@ struct Width8 {
     static constexpr std::uint8_t kFullMax = 255;
     static constexpr bool kValueSet = false;
     static constexpr int kNumbers[] = {919, 920, 935, 936, 951, 952, 967, 968, 983};
+    KELA_UINT_REGISTERED(uint8);
 };
 }  // namespace
 

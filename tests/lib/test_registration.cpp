@@ -341,3 +341,113 @@ TEST_F(Registration, NullDescriptorIsRefusedBeforeTheFramework) {
 }
 
 }  // namespace
+
+// A framework or client that recognises a type by its registered callbacks
+// must find the exported functions themselves, not private twins.
+TEST_F(Registration, RegisteredCallbacksAreTheExportedFunctions) {
+    const char *const *l = kt::kLocations;
+    shared_kela_uint8_desc_td u8{"u8", 0, 0, 0};
+    shared_kela_uint16_desc_td u16{"u16", 0, 0, 0};
+    shared_kela_uint32_desc_td u32{"u32", 0, 0, 0, nullptr};
+    shared_kela_enum_desc_td en{"en", 0, nullptr};
+    shared_kela_bitmasked_desc_td bm{"bm", nullptr, nullptr, nullptr, 0, 0, 0, nullptr};
+    shared_kela_flag64_desc_td fl{"fl", nullptr, nullptr, nullptr, 0, 0};
+    shared_kela_prefix_desc_td px{"px", nullptr, nullptr, nullptr, 0};
+    shared_kela_ipv4_desc_td v4{"v4", 0, 0};
+    shared_kela_mac_address_desc_td mac{"mac", nullptr};
+    ASSERT_EQ(shared_kela_uint8_base_init(nullptr, nullptr, 0, &u8), 0u);
+    ASSERT_EQ(shared_kela_uint16_base_init(nullptr, nullptr, 0, &u16), 0u);
+    ASSERT_EQ(shared_kela_uint32_base_init(nullptr, nullptr, 0, &u32), 0u);
+    ASSERT_EQ(shared_kela_enum_base_init_v2(nullptr, nullptr, 0, &en, l, l, l, nullptr), 0u);
+    ASSERT_EQ(shared_kela_bitmasked_base_init_v2(nullptr, nullptr, 0, &bm, l, l, l, nullptr), 0u);
+    ASSERT_EQ(shared_kela_flag64_base_init_v2(nullptr, nullptr, 0, &fl, l, l, l, nullptr), 0u);
+    ASSERT_EQ(shared_kela_prefix_base_init(nullptr, nullptr, 0, &px, l, l, l, nullptr), 0u);
+    ASSERT_EQ(shared_kela_ipv4_base_init(nullptr, nullptr, 0, &v4), 0u);
+    ASSERT_EQ(shared_kela_mac_address_base_init(nullptr, nullptr, 0, &mac, l, l, l, nullptr), 0u);
+
+    enum Role { Print, Cmp, Verify, Construct, Free };
+    struct Case {
+        const char *attr;
+        kref_kind_t kind;  // for the operator roles
+        const char *op;    // null: the retriever
+        Role role;
+        const void *want;
+    };
+    auto fn = [](auto f) { return reinterpret_cast<const void *>(f); };
+    const Case cases[] = {
+#define KT_UINT(W, A)                                                                \
+    {A, KREF_CMP, nullptr, Print, fn(shared_kela_##W##_base_print)},                 \
+        {A, KREF_CMP, nullptr, Cmp, fn(shared_kela_##W##_base_cmp)},                 \
+        {A, KREF_SET, "assign", Construct, fn(shared_kela_##W##_set_assign_cons)},   \
+        {A, KREF_RETR, nullptr, Verify, fn(shared_kela_##W##_retr_veri)},            \
+        {A, KREF_RETR, nullptr, Construct, fn(shared_kela_##W##_retr_cons)}
+        KT_UINT(uint8, "u8"),
+        KT_UINT(uint16, "u16"),
+        KT_UINT(uint32, "u32"),
+#undef KT_UINT
+        {"u32", KREF_CMP, "matches-any", Verify, fn(shared_kela_uint32_cmp_any_veri)},
+        {"u32", KREF_CMP, "matches-any", Construct, fn(shared_kela_uint32_cmp_any_cons)},
+        {"u32", KREF_CMP, "matches-any", Free, fn(shared_kela_uint32_cmp_any_free)},
+        {"en", KREF_CMP, nullptr, Print, fn(shared_kela_enum_base_print)},
+        {"en", KREF_CMP, nullptr, Cmp, fn(shared_kela_enum_base_cmp)},
+        {"en", KREF_CMP, "exact-match", Verify, fn(shared_kela_enum_cmp_match_veri)},
+        {"en", KREF_CMP, "exact-match", Construct, fn(shared_kela_enum_cmp_match_cons)},
+        {"en", KREF_SET, "assign", Verify, fn(shared_kela_enum_set_assign_veri)},
+        {"en", KREF_SET, "assign", Construct, fn(shared_kela_enum_set_assign_cons)},
+        {"en", KREF_RETR, nullptr, Verify, fn(shared_kela_enum_retr_veri)},
+        {"en", KREF_RETR, nullptr, Construct, fn(shared_kela_enum_retr_cons)},
+        {"bm", KREF_CMP, nullptr, Print, fn(shared_kela_bitmasked_base_print)},
+        {"bm", KREF_CMP, nullptr, Cmp, fn(shared_kela_bitmasked_base_cmp)},
+        {"bm", KREF_CMP, "exact-match", Verify, fn(shared_kela_bitmasked_cmp_match_veri)},
+        {"bm", KREF_CMP, "exact-match", Construct, fn(shared_kela_bitmasked_cmp_match_cons)},
+        {"bm", KREF_SET, "assign", Verify, fn(shared_kela_bitmasked_set_assign_veri)},
+        {"bm", KREF_SET, "assign", Construct, fn(shared_kela_bitmasked_set_assign_cons)},
+        {"bm", KREF_RETR, nullptr, Verify, fn(shared_kela_bitmasked_retr_veri)},
+        {"bm", KREF_RETR, nullptr, Construct, fn(shared_kela_bitmasked_retr_cons)},
+        {"fl", KREF_CMP, nullptr, Print, fn(shared_kela_flag64_base_print)},
+        {"fl", KREF_SET, "assign", Verify, fn(shared_kela_flag64_set_assign_veri)},
+        {"fl", KREF_SET, "assign", Construct, fn(shared_kela_flag64_set_assign_cons)},
+        {"px", KREF_CMP, nullptr, Print, fn(shared_kela_prefix_base_print)},
+        {"px", KREF_CMP, nullptr, Cmp, fn(shared_kela_prefix_base_cmp)},
+        {"px", KREF_CMP, "pfxmatch", Verify, fn(shared_kela_prefix_cmp_match_veri)},
+        {"px", KREF_CMP, "pfxmatch", Construct, fn(shared_kela_prefix_cmp_match_cons)},
+        {"px", KREF_CMP, "pfxmatch", Free, fn(shared_kela_prefix_cmp_match_free)},
+        {"px", KREF_CMP, "pfxlonger", Verify, fn(shared_kela_prefix_cmp_match_veri)},
+        {"px", KREF_CMP, "pfxlonger", Construct, fn(shared_kela_prefix_cmp_longer_cons)},
+        {"px", KREF_CMP, "pfxlonger", Free, fn(shared_kela_prefix_cmp_match_free)},
+        {"px", KREF_CMP, "pfxorlonger", Verify, fn(shared_kela_prefix_cmp_match_veri)},
+        {"px", KREF_CMP, "pfxorlonger", Construct, fn(shared_kela_prefix_cmp_orlonger_cons)},
+        {"px", KREF_CMP, "pfxorlonger", Free, fn(shared_kela_prefix_cmp_match_free)},
+        {"px", KREF_SET, "assign", Verify, fn(shared_kela_prefix_set_assign_veri)},
+        {"px", KREF_SET, "assign", Construct, fn(shared_kela_prefix_set_assign_cons)},
+        {"v4", KREF_CMP, nullptr, Print, fn(shared_kela_ipv4_base_print)},
+        {"v4", KREF_CMP, nullptr, Cmp, fn(shared_kela_ipv4_base_cmp)},
+        {"v4", KREF_CMP, "pfxmatch", Verify, fn(shared_kela_ipv4_cmp_match_veri)},
+        {"v4", KREF_CMP, "pfxmatch", Construct, fn(shared_kela_ipv4_cmp_match_cons)},
+        {"v4", KREF_CMP, "pfxmatch", Free, fn(shared_kela_ipv4_cmp_match_free)},
+        {"mac", KREF_CMP, nullptr, Print, fn(shared_kela_mac_address_base_print)},
+        {"mac", KREF_CMP, nullptr, Cmp, fn(shared_kela_mac_address_base_cmp)},
+        {"mac", KREF_CMP, "macaddrmatch", Verify, fn(shared_kela_mac_address_cmp_match_veri)},
+        {"mac", KREF_CMP, "macaddrmatch", Construct, fn(shared_kela_mac_address_cmp_match_cons)},
+        {"mac", KREF_CMP, "macaddrmatch", Free, fn(shared_kela_mac_address_cmp_match_free)},
+    };
+    for (const Case &c : cases) {
+        rasf_attr_t *attr = kref_attr_find(c.attr);
+        ASSERT_NE(attr, nullptr) << c.attr;
+        const void *got = nullptr;
+        void *ctx = nullptr;
+        kref_op_info_t op{};
+        if (c.role == Print) got = fn(kref_attr_base_print(attr, &ctx));
+        if (c.role == Cmp) got = fn(kref_attr_base_cmp(attr, &ctx));
+        if (c.role >= Verify) {
+            const vogno st = c.op != nullptr ? kref_attr_op(attr, c.kind, c.op, &op)
+                                             : kref_attr_op_at(attr, c.kind, 0, &op);
+            ASSERT_EQ(st, 0u) << c.attr << " " << (c.op ? c.op : "(retriever)");
+            got = c.role == Verify      ? fn(op.verify)
+                  : c.role == Construct ? fn(op.construct)
+                                        : fn(op.free_fn);
+        }
+        EXPECT_EQ(got, c.want) << c.attr << " " << (c.op ? c.op : "(base/retriever)") << " role "
+                               << c.role;
+    }
+}
