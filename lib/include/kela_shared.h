@@ -23,6 +23,12 @@
 #ifndef KELA_SHARED_H
 #define KELA_SHARED_H
 
+/* Version of this header and of the library built with it.  These three
+ * lines are the project's only record of its version: the build reads them. */
+#define KELA_SHARED_VERSION_MAJOR 0
+#define KELA_SHARED_VERSION_MINOR 1
+#define KELA_SHARED_VERSION_PATCH 0
+
 #include <stddef.h>
 #include <stdint.h>
 
