@@ -339,7 +339,12 @@ vogno shared_kela_rhr_cmp_match_cons(uint32_t count, char **params, void **slots
         ctx.reset(static_cast<MatchCtx *>(std::calloc(1, sizeof(MatchCtx))));
         if (!ctx) return KEL_SHARED_ERR_NO_MEMORY;
         ctx->get_value = static_cast<Desc *>(desc)->get_value;
-        if (vogno st = build_specs(count, params, ctx.get()); st != 0) return st;
+        // Once the context exists the caller's instance is reset on every
+        // refusal, as it is when the framework refuses the instance.
+        if (vogno st = build_specs(count, params, ctx.get()); st != 0) {
+            if (out != nullptr) *out = nullptr;
+            return st;
+        }
     }
     vogno st = kela::InstanceBuilder(kela::InstKind::Cmp, out, count, params, slots, ctx.get())
                    .add(rasf_kela_add_cmp_instance_function_cmp, &match_run)

@@ -26,7 +26,9 @@ inline const char *const kLocations[] = {"import", "export", nullptr};
 // variable) and parallel value slots (null for a variable).
 class Params {
   public:
-    Params(std::initializer_list<std::optional<std::string>> texts) {
+    Params(std::initializer_list<std::optional<std::string>> texts)
+        : Params(std::vector<std::optional<std::string>>(texts)) {}
+    explicit Params(const std::vector<std::optional<std::string>> &texts) {
         for (const auto &t : texts) {
             if (t) {
                 texts_.push_back(strdup(t->c_str()));

@@ -1,0 +1,417 @@
+// Every constructor of every registered operator, setter and retriever (and
+// the retriever constructors that clients may register themselves), taken
+// from the framework's registry so that no operator is left out because it
+// shares code with another:
+//  - each refusal of invalid input gives its status and leaves the caller's
+//    instance pointer as documented (untouched, or null where the
+//    constructor had already started building);
+//  - each allocation, of the valid input and of every refusal, fails once;
+//  - each platform call the constructor makes fails once, and the instance
+//    pointer is then null.
+// No failure may leave an instance behind; LeakSanitizer reports anything
+// a failure path forgot to release.
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "alloc_hook.hpp"
+#include "kela_callbacks.hpp"
+#include "kela_ref_state.h"
+#include "support.hpp"
+
+namespace {
+
+using Texts = std::vector<std::optional<std::string>>;
+
+enum class Out { Untouched, Null };
+enum Shape : unsigned { kAsIs = 0, kNoParams = 1, kNoSlots = 2, kNoDesc = 4 };
+
+struct Refusal {
+    Texts texts;
+    unsigned shape;
+    vogno status;
+    Out out;
+};
+
+struct Row {
+    const char *attr;  // registered attribute, or null for a direct constructor
+    kref_kind_t kind;
+    const char *op;  // null: the retriever
+    Texts valid;
+    std::vector<Refusal> refusals;
+    rasf_construct_fn direct = nullptr;  // constructors no registration uses
+};
+
+// Something no constructor would ever store.
+rasf_inst_t *const kSentinel = reinterpret_cast<rasf_inst_t *>(std::uintptr_t{0x5a5a5a5a});
+
+constexpr vogno kNullInput = KEL_SHARED_ERR_NULL_INPUT;
+constexpr vogno kNullParam = KEL_SHARED_ERR_NULL_PARAM;
+constexpr vogno kCount = KEL_SHARED_ERR_PARAM_COUNT;
+constexpr vogno kBad = KEL_SHARED_ERR_BAD_VALUE;
+constexpr vogno kNoArray = KEL_SHARED_ERR_NO_PARAM_ARRAY;
+constexpr vogno kVariable = KEL_SHARED_ERR_VARIABLE;
+constexpr vogno kRefusedByClient = 0x3333;
+
+vogno parse_bits(const char *text, void *, int, uint32_t *out) {
+    if (std::strcmp(text, "bad") == 0) return kRefusedByClient;
+    if (out != nullptr) *out = static_cast<uint32_t>(std::strlen(text));
+    return 0;
+}
+vogno parse_flags(const char *text, void *, uint64_t *mask) {
+    if (std::strcmp(text, "blackhole") != 0) return kRefusedByClient;
+    if (mask != nullptr) *mask = 1;
+    return 0;
+}
+vogno no_test(shared_kela_prefix_extra_op_td *, void *, uint8_t, int32_t *) {
+    return 0;
+}
+
+Texts seg(std::initializer_list<std::initializer_list<const char *>> items) {
+    return kt::segments(items);
+}
+
+// The integer widths share their rows.
+void add_uint_rows(std::vector<Row> &rows, const char *attr) {
+    for (const char *op : {"exact-match", "le", "ge"})
+        rows.push_back({attr,
+                        KREF_CMP,
+                        op,
+                        {"7"},
+                        {{{"7", "8"}, kAsIs, kCount, Out::Untouched},
+                         {{std::nullopt}, kAsIs, kNullParam, Out::Untouched},
+                         {{"7"}, kNoSlots, kNullInput, Out::Untouched}}});
+    rows.push_back({attr,
+                    KREF_SET,
+                    "assign",
+                    {"7"},
+                    {{{"7", "8"}, kAsIs, kCount, Out::Untouched},
+                     {{"7"}, kNoParams, kNullInput, Out::Untouched},
+                     {{std::nullopt}, kAsIs, kNullParam, Out::Untouched}}});
+    rows.push_back({attr, KREF_RETR, nullptr, {}, {}});
+}
+
+class Constructors : public kt::FrameworkTest {
+  protected:
+    void SetUp() override {
+        kt::FrameworkTest::SetUp();
+        kref_state_reset();
+        const char *const *l = kt::kLocations;
+        ASSERT_EQ(shared_kela_uint8_base_init(nullptr, nullptr, 0, &u8_), 0u);
+        ASSERT_EQ(shared_kela_uint16_base_init(nullptr, nullptr, 0, &u16_), 0u);
+        ASSERT_EQ(shared_kela_uint32_base_init(nullptr, nullptr, 0, &u32_), 0u);
+        ASSERT_EQ(shared_kela_enum_base_init_v2(nullptr, nullptr, 0, &en_, l, l, l, nullptr), 0u);
+        ASSERT_EQ(shared_kela_bitmasked_base_init_v2(nullptr, nullptr, 0, &bm_, l, l, l, nullptr),
+                  0u);
+        ASSERT_EQ(shared_kela_flag64_base_init_v2(nullptr, nullptr, 0, &fl_, l, l, l, nullptr), 0u);
+        ASSERT_EQ(shared_kela_prefix_base_init(nullptr, nullptr, 0, &px_, l, l, l, nullptr), 0u);
+        ASSERT_EQ(shared_kela_ipv4_base_init(nullptr, nullptr, 0, &v4_), 0u);
+        ASSERT_EQ(shared_kela_mac_address_base_init(nullptr, nullptr, 0, &mac_, l, l, l, nullptr),
+                  0u);
+        ASSERT_EQ(shared_kela_rhr_base_init(nullptr, nullptr, 0, &rhr_, l, nullptr, nullptr, nullptr),
+                  0u);
+        ASSERT_EQ(shared_kela_track_base_init(nullptr, nullptr, 0, nullptr, l, nullptr, nullptr,
+                                              nullptr),
+                  0u);
+    }
+    void TearDown() override {
+        kt::alloc::reset();
+        kref_state_reset();
+        kt::FrameworkTest::TearDown();
+    }
+
+    std::vector<Row> rows() {
+        std::vector<Row> r;
+        for (const char *a : {"u8", "u16", "u32"}) add_uint_rows(r, a);
+        r.push_back({"u32",
+                     KREF_CMP,
+                     "matches-any",
+                     seg({{"5"}, {"7"}}),
+                     {{seg({{"5"}}), kNoDesc, kNoArray, Out::Untouched},
+                      {{}, kAsIs, kNullInput, Out::Untouched},
+                      {seg({{"5"}, {"x"}}), kAsIs, kBad, Out::Untouched},
+                      {seg({{"5", "6"}}), kAsIs, 4, Out::Untouched},
+                      {{"5"}, kAsIs, kNullInput, Out::Untouched}}});
+        r.push_back({"en",
+                     KREF_CMP,
+                     "exact-match",
+                     {"red"},
+                     {{{"blue"}, kAsIs, kBad, Out::Untouched},
+                      {{"red", "red"}, kAsIs, kCount, Out::Untouched}}});
+        r.push_back({"en",
+                     KREF_SET,
+                     "assign",
+                     {"red"},
+                     {{{"blue"}, kAsIs, kBad, Out::Untouched},
+                      {{"red", "red"}, kAsIs, kCount, Out::Untouched}}});
+        r.push_back({"en", KREF_RETR, nullptr, {"x"}, {}});
+        r.push_back({"bm",
+                     KREF_CMP,
+                     "exact-match",
+                     {"ab"},
+                     {{{"bad"}, kAsIs, kRefusedByClient, Out::Untouched},
+                      {{"ab", "ab"}, kAsIs, kCount, Out::Untouched}}});
+        r.push_back({"bm",
+                     KREF_CMP,
+                     "matches-any",
+                     seg({{"a"}, {"abc"}}),
+                     {{seg({{"a"}, {"bad"}}), kAsIs, kRefusedByClient, Out::Untouched},
+                      {seg({{"a", "b"}}), kAsIs, 4, Out::Untouched},
+                      {{"a"}, kAsIs, kNullInput, Out::Untouched},
+                      {{}, kAsIs, kCount, Out::Untouched}}});
+        r.push_back({"bm",
+                     KREF_SET,
+                     "assign",
+                     {"ab"},
+                     {{{"bad"}, kAsIs, kRefusedByClient, Out::Untouched},
+                      {{"ab", "ab"}, kAsIs, kCount, Out::Untouched}}});
+        r.push_back({"bm", KREF_RETR, nullptr, {"x"}, {}});
+        r.push_back({"fl",
+                     KREF_SET,
+                     "assign",
+                     {"blackhole"},
+                     {{{"nope"}, kAsIs, kRefusedByClient, Out::Untouched},
+                      {{"blackhole", "x"}, kAsIs, kCount, Out::Untouched}}});
+        const Texts set = seg({{"0.0.0.0", "0", "0", "8"},
+                               {"10.0.0.0", "8", "8", "24"},
+                               {"10.0.0.0", "8", "16", "16"},
+                               {"10.0.0.0", "8", "20", "20"},
+                               {"172.16.0.0", "0.15.255.255", "16", "24"},
+                               {"2001:db8::", "32", "32", "48"}});
+        for (const char *op : {"pfxmatch", "pfxlonger", "pfxorlonger"})
+            r.push_back({"px",
+                         KREF_CMP,
+                         op,
+                         set,
+                         {{set, kNoDesc, kNoArray, Out::Untouched},
+                          {{std::nullopt}, kAsIs, kVariable, Out::Untouched},
+                          {seg({{"10.0.0.0", "8", "8", "24"}, {"10.0.0.300", "8", "8", "8"}}),
+                           kAsIs, 4, Out::Untouched},
+                          {seg({{"10.0.0.0", "8", "8", "24"}, {"10.0.0.0", "8"}}), kAsIs, 4,
+                           Out::Untouched},
+                          {{"10.0.0.0", "8", "8", "24"}, kAsIs, kBad, Out::Untouched}}});
+        r.push_back({"px", KREF_CMP, "covered", {}, {}});
+        r.push_back({"px",
+                     KREF_SET,
+                     "assign",
+                     {"10.0.0.1"},
+                     {{{"10.0.0.1", "x"}, kAsIs, kCount, Out::Untouched},
+                      {{"10.0.0.1"}, kNoParams, kNullParam, Out::Untouched},
+                      {{std::nullopt}, kAsIs, kNullParam, Out::Untouched}}});
+        r.push_back({"v4",
+                     KREF_CMP,
+                     "pfxmatch",
+                     {"10.1.0.0", "16", "16", "32"},
+                     {{{"10.1.0.0", "16", "16", "32"}, kNoDesc, kNoArray, Out::Untouched},
+                      {{"10.1.0.0", "16", "16", "32"}, kNoSlots, kNullInput, Out::Untouched},
+                      {{"10.1.0.300", "16", "16", "32"}, kAsIs, kBad, Out::Untouched}}});
+        r.push_back({"mac",
+                     KREF_CMP,
+                     "macaddrmatch",
+                     seg({{"0011.2233.4455"}, {"abab.abab.abab"}}),
+                     {{seg({{"0011.2233.4455"}}), kNoDesc, kNoArray, Out::Untouched},
+                      {seg({{"0011.2233.4455"}, {nullptr}}), kAsIs, kNullParam, Out::Untouched},
+                      {seg({{"0011.2233.4455"}, {"a", "b"}}), kAsIs, 4, Out::Untouched}}});
+        // "in" has started to build once its context exists: every refusal
+        // from then on hands back null.
+        r.push_back({"rib-has-route",
+                     KREF_CMP,
+                     "in",
+                     seg({{"10.0.0.0", "8", "8", "24"}, {"2001:db8::", "32", "32", "32"}}),
+                     {{seg({{"10.0.0.0", "8", "8", "8"}}), kNoDesc, kNoArray, Out::Untouched},
+                      {{std::nullopt}, kAsIs, kVariable, Out::Untouched},
+                      {seg({{"10.0.0.0", "8", "8", "8"}, {"10.0.0.0", "8", "16", "24"}}), kAsIs, 4,
+                       Out::Null},
+                      {seg({{"10.0.0.0", "8", "8", "8"}, {"10.0.0.300", "8", "8", "8"}}), kAsIs, 4,
+                       Out::Null},
+                      {seg({{"10.0.0.0", "8", "8", "8"}, {"10.0.0.0", "8", "8"}}), kAsIs, 4,
+                       Out::Null},
+                      {{"10.0.0.0", "8", "8", "8"}, kAsIs, kBad, Out::Null}}});
+        r.push_back({"rib-has-route",
+                     KREF_CMP,
+                     "async",
+                     seg({{"10.0.0.0", "8", "8", "8"}, {"2001:db8::", "32", "32", "32"}}),
+                     {{seg({{"10.0.0.0", "8", "8", "8"}}), kNoDesc, kNoArray, Out::Untouched},
+                      {seg({{"10.0.0.0", "8", "8", "8"}}), kNoSlots, kNullInput, Out::Untouched},
+                      {{std::nullopt}, kAsIs, kVariable, Out::Untouched}}});
+        r.push_back({"track",
+                     KREF_CMP,
+                     "is",
+                     {"x", "T1", "up"},
+                     {{{"x", "T1", "up"}, kNoDesc, kNoArray, Out::Untouched},
+                      {{"x", "T1", "up"}, kNoSlots, kNullInput, Out::Untouched}}});
+        // Retriever constructors a client may register on its own.
+        for (rasf_construct_fn f : {shared_kela_prefix_retr_cons, shared_kela_ipv4_retr_cons,
+                                    shared_kela_rhr_retr_cons})
+            r.push_back({nullptr, KREF_RETR, nullptr, {}, {}, f});
+        return r;
+    }
+
+    // The constructor and free function of a row, as registered.
+    void resolve(const Row &row, rasf_construct_fn *cons, rasf_free_fn *free_fn, void **desc) {
+        *cons = row.direct;
+        *free_fn = nullptr;
+        *desc = &px_;
+        if (row.attr == nullptr) return;
+        kref_op_info_t op{};
+        rasf_attr_t *attr = kref_attr_find(row.attr);
+        ASSERT_NE(attr, nullptr) << row.attr;
+        const vogno st = row.op != nullptr ? kref_attr_op(attr, row.kind, row.op, &op)
+                                           : kref_attr_op_at(attr, row.kind, 0, &op);
+        ASSERT_EQ(st, 0u);
+        *cons = op.construct;
+        *free_fn = op.free_fn;
+        // The routing-state attributes carry no descriptor of their own;
+        // their constructors want one all the same.
+        *desc = op.desc != nullptr ? op.desc : static_cast<void *>(&rhr_);
+    }
+
+    // One call; a produced instance is released at once.
+    vogno call(rasf_construct_fn cons, rasf_free_fn free_fn, void *desc, kt::Params &p,
+               unsigned shape, rasf_inst_t **out) {
+        *out = kSentinel;
+        const vogno st = cons(p.count(), shape & kNoParams ? nullptr : p.vec(),
+                              shape & kNoSlots ? nullptr : p.slots(), shape & kNoDesc ? nullptr : desc,
+                              out);
+        if (st == 0 && *out != kSentinel && *out != nullptr) {
+            kref_inst_info_t info{};
+            kref_inst_get(*out, &info);
+            if (free_fn != nullptr) free_fn(info.ctx);
+            if (info.kind == KREF_CMP) rasf_free_cmp_instance(*out);
+            if (info.kind == KREF_SET) rasf_free_set_instance(*out);
+            if (info.kind == KREF_RETR) rasf_free_retriever_instance(*out);
+        }
+        return st;
+    }
+
+    vogno call(rasf_construct_fn cons, rasf_free_fn free_fn, void *desc, const Texts &texts,
+               unsigned shape, rasf_inst_t **out) {
+        kt::Params p(texts);
+        return call(cons, free_fn, desc, p, shape, out);
+    }
+
+    // Fails each allocation of one call in turn (the vector is made first:
+    // its texts are not the constructor's allocations).
+    void sweep_allocations(rasf_construct_fn cons, rasf_free_fn free_fn, void *desc,
+                           const Texts &texts, unsigned shape, vogno clean) {
+        kt::Params p(texts);
+        for (std::size_t n = 1; n < 1000; ++n) {
+            rasf_inst_t *out = nullptr;
+            kt::alloc::fail_at(n);
+            const vogno st = call(cons, free_fn, desc, p, shape, &out);
+            const bool fired = kt::alloc::failed();
+            kt::alloc::reset();
+            if (!fired) {
+                EXPECT_EQ(st, clean) << "the run without a failed allocation";
+                break;
+            }
+            if (st != 0) {
+                EXPECT_TRUE(out == kSentinel || out == nullptr) << "allocation " << n;
+            }
+            EXPECT_EQ(kref_live_instances(), 0u) << "allocation " << n;
+        }
+    }
+
+    shared_kela_uint8_desc_td u8_{"u8", 0, 0, 0};
+    shared_kela_uint16_desc_td u16_{"u16", 0, 0, 0};
+    shared_kela_uint32_desc_td u32_{"u32", 0, 0, 0, nullptr};
+    static constexpr shared_kela_enum_name_td kNames[] = {{1, "red"}, {0, nullptr}};
+    shared_kela_enum_desc_td en_{"en", 0, kNames};
+    shared_kela_bitmasked_desc_td bm_{"bm", nullptr, nullptr, parse_bits, 0, 1, 1, nullptr};
+    shared_kela_flag64_desc_td fl_{"fl", nullptr, nullptr, parse_flags, 8, 0};
+    shared_kela_prefix_extra_op_td extra_[1] = {{"covered", kt::kLocations, no_test, 0}};
+    shared_kela_prefix_desc_td px_{"px", nullptr, nullptr, extra_, 1};
+    shared_kela_ipv4_desc_td v4_{"v4", 0, 4};
+    shared_kela_mac_address_desc_td mac_{"mac", nullptr};
+    shared_kela_rhr_desc_td rhr_{"rib-has-route", nullptr};
+};
+
+std::string label(const Row &row) {
+    return std::string(row.attr != nullptr ? row.attr : "(direct)") + " " +
+           (row.op != nullptr ? row.op : "(retriever)");
+}
+
+TEST_F(Constructors, EveryRegisteredConstructorHasARow) {
+    std::set<std::string> covered;
+    for (const Row &row : rows()) covered.insert(label(row));
+    for (std::size_t a = 0; a < kref_attr_count(); ++a) {
+        rasf_attr_t *attr = kref_attr_at(a);
+        for (kref_kind_t kind : {KREF_CMP, KREF_SET, KREF_RETR})
+            for (std::size_t i = 0; i < kref_attr_op_count(attr, kind); ++i) {
+                kref_op_info_t op{};
+                ASSERT_EQ(kref_attr_op_at(attr, kind, i, &op), 0u);
+                Row probe{kref_attr_name(attr), kind, op.name, {}, {}};
+                EXPECT_TRUE(covered.count(label(probe))) << label(probe) << " has no row";
+            }
+    }
+}
+
+TEST_F(Constructors, RefusalsLeaveTheInstancePointerAsDocumented) {
+    for (const Row &row : rows()) {
+        SCOPED_TRACE(label(row));
+        rasf_construct_fn cons = nullptr;
+        rasf_free_fn free_fn = nullptr;
+        void *desc = nullptr;
+        ASSERT_NO_FATAL_FAILURE(resolve(row, &cons, &free_fn, &desc));
+        rasf_inst_t *out = nullptr;
+        ASSERT_EQ(call(cons, free_fn, desc, row.valid, kAsIs, &out), 0u) << "valid input";
+        for (std::size_t i = 0; i < row.refusals.size(); ++i) {
+            const Refusal &f = row.refusals[i];
+            SCOPED_TRACE("refusal " + std::to_string(i));
+            EXPECT_EQ(call(cons, free_fn, desc, f.texts, f.shape, &out), f.status);
+            EXPECT_EQ(out, f.out == Out::Null ? nullptr : kSentinel);
+            EXPECT_EQ(kref_live_instances(), 0u);
+        }
+    }
+}
+
+TEST_F(Constructors, EveryAllocationFailsOncePerOperatorAndRefusal) {
+    for (const Row &row : rows()) {
+        SCOPED_TRACE(label(row));
+        rasf_construct_fn cons = nullptr;
+        rasf_free_fn free_fn = nullptr;
+        void *desc = nullptr;
+        ASSERT_NO_FATAL_FAILURE(resolve(row, &cons, &free_fn, &desc));
+        sweep_allocations(cons, free_fn, desc, row.valid, kAsIs, 0);
+        for (const Refusal &f : row.refusals)
+            sweep_allocations(cons, free_fn, desc, f.texts, f.shape, f.status);
+    }
+}
+
+TEST_F(Constructors, EveryPlatformCallFailsOnceAndLeavesNull) {
+    constexpr vogno kInjected = 0x77;
+    for (const Row &row : rows()) {
+        SCOPED_TRACE(label(row));
+        rasf_construct_fn cons = nullptr;
+        rasf_free_fn free_fn = nullptr;
+        void *desc = nullptr;
+        ASSERT_NO_FATAL_FAILURE(resolve(row, &cons, &free_fn, &desc));
+        rasf_inst_t *out = nullptr;
+        kref_trace_start();
+        ASSERT_EQ(call(cons, free_fn, desc, row.valid, kAsIs, &out), 0u);
+        kref_trace_stop();
+        // The calls the valid input makes, each with its rank among calls of
+        // the same name; the releases after the run are not the constructor's.
+        std::vector<std::pair<std::string, uint32_t>> calls;
+        std::map<std::string, uint32_t> seen;
+        for (const std::string &line : kt::trace()) {
+            const std::string name = line.substr(0, line.find('('));
+            if (name.rfind("rasf_free_", 0) == 0) break;
+            calls.emplace_back(name, ++seen[name]);
+        }
+        EXPECT_FALSE(calls.empty());
+        for (const auto &[name, nth] : calls) {
+            SCOPED_TRACE(name + " #" + std::to_string(nth));
+            kref_fault_set(name.c_str(), nth, kInjected);
+            EXPECT_EQ(call(cons, free_fn, desc, row.valid, kAsIs, &out), kInjected);
+            kref_fault_clear();
+            EXPECT_EQ(out, nullptr);
+            EXPECT_EQ(kref_live_instances(), 0u);
+        }
+    }
+}
+
+}  // namespace
