@@ -16,7 +16,12 @@
  *    their use; a descriptor must stay at the same address for as long as its
  *    attribute is registered.
  *  - The library takes no lock.  The first registration of the process must
- *    not run concurrently with another registration.
+ *    not run concurrently with another registration.  Compiled instances may
+ *    be evaluated from any number of threads at once.  Constructing "async"
+ *    instances of rib-has-route must be serialised by the framework: each
+ *    one initialises the one process-wide request tree head
+ *    (kela_eecompi_rhr_info_list) and copies it into its context, so two at
+ *    once may leave an instance with another's tree.
  *
  * This header is valid C11 and C++.
  */
@@ -770,7 +775,9 @@ typedef struct shared_kela_rhr_async_ctx_td {
     uint32_t handed;
 } shared_kela_rhr_async_ctx_td;
 
-/* Head of the request tree (evaluation key -> request identifier cell). */
+/* Head of the request tree (evaluation key -> request identifier cell).
+ * Written by every "async" constructor: the framework must not run two of
+ * them at once. */
 KELA_SHARED_API extern void *kela_eecompi_rhr_info_list;
 
 /* Registers "rib-has-route" with "in" (at the first operator location only)
