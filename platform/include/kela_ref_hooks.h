@@ -54,6 +54,11 @@ void kref_log_capture(int on); /* clears the kept lines */
 size_t kref_log_count(void);
 const char *kref_log_at(size_t i);
 
+/* ---- Radix lookups ------------------------------------------------------ *
+ * Number of rn_lookup calls this thread has made (for measuring how many a
+ * prefix-set compare costs). */
+uint64_t kref_radix_lookups(void);
+
 #ifdef __cplusplus
 }
 #endif

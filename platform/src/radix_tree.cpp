@@ -20,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "kela_ref_hooks.h"
 #include "radix.h"
 
 // Trees past a few hundred entries get a direct index of B bits (B grows
@@ -302,6 +303,7 @@ struct LastAnswer {
     radix_node *entry = nullptr;
 };
 thread_local LastAnswer t_last;
+thread_local std::uint64_t t_lookups = 0;
 
 radix_node *remember(const RadixIndex *ix, radix_node *found) {
     if (found != nullptr) t_last = {ix->generation, found};
@@ -446,7 +448,12 @@ int rn_insert(struct radix_head *head, void *entry) {
 }
 
 void *rn_lookup(struct radix_head *head, const uint8_t *key, uint8_t len) {
+    ++t_lookups;
     return longest_match(head, key, len, true);
+}
+
+uint64_t kref_radix_lookups(void) {
+    return t_lookups;
 }
 
 void *rn_search(struct radix_head *head, const uint8_t *key, uint8_t len) {
