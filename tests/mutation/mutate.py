@@ -1,0 +1,327 @@
+#!/usr/bin/env python3
+"""Mutation testing: how many small, plausible faults do the tests catch?
+
+A deterministic sample of mutants of the library's sources (optionally the
+reference platform's and the tool's) is built and tested one at a time in a
+private copy of the tree, so the checkout itself is never modified.  Each
+mutant changes one place:
+
+  rel     a relational operator flipped (== !=, < <=, > >=, and reversed)
+  logic   && and || swapped
+  const   an integer constant moved by one
+  neg     an if condition negated
+  return  an early return removed (the if keeps an empty body)
+  stmt    an expression statement removed
+  status  one status code of the library replaced by another
+
+Only what the mutant touches is rebuilt (the build tree's own dependency
+tracking); the test programs then run in turn, fastest first, and stop at
+the first failure.  A test that fails, crashes, reports a leak or runs past
+the timeout kills the mutant.  The result lists killed, survived and
+did-not-compile counts and every survivor as "file:line: change".
+
+usage: mutate.py [--draw N] [--count N] [--scope lib,platform,tools]
+                 [--workdir DIR] [--timeout SECONDS] [--list]
+"""
+import argparse
+import json
+import os
+import random
+import re
+import shutil
+import subprocess
+import sys
+import time
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+SCOPES = {"lib": ["lib/src"], "platform": ["platform/src"], "tools": ["tools/kela_policy"]}
+SOURCE = re.compile(r"\.(cpp|hpp|h)$")
+# Tests that take minutes or check the build rather than the behaviour.
+SLOW = re.compile(r"install|tidy|tsan|valgrind|package|lintian|exports|alloc_sites")
+
+
+# ---- mutant generation -----------------------------------------------------------------
+
+def code_mask(text):
+    """A copy of text with comments, string and character literals and
+    preprocessor lines blanked, so that patterns only match code."""
+    out = list(text)
+    i, n = 0, len(text)
+    at_line_start = True
+    while i < n:
+        c = text[i]
+        if at_line_start and c == "#":
+            while i < n and text[i] != "\n":
+                # A continued directive goes on past its line end.
+                if text[i] == "\\" and i + 1 < n and text[i + 1] == "\n":
+                    out[i] = " "
+                    i += 2
+                    continue
+                out[i] = " "
+                i += 1
+            continue
+        if c == "\n":
+            at_line_start = True
+            i += 1
+            continue
+        if not c.isspace():
+            at_line_start = False
+        if text.startswith("//", i):
+            while i < n and text[i] != "\n":
+                out[i] = " "
+                i += 1
+        elif text.startswith("/*", i):
+            end = text.find("*/", i + 2)
+            end = n if end < 0 else end + 2
+            for k in range(i, end):
+                if text[k] != "\n":
+                    out[k] = " "
+            i = end
+        elif c in "\"'":
+            k = i + 1
+            while k < n and text[k] != c:
+                k += 2 if text[k] == "\\" else 1
+            for j in range(i, min(k + 1, n)):
+                out[j] = " "
+            i = k + 1
+        else:
+            i += 1
+    return "".join(out)
+
+
+def matching_paren(mask, open_at):
+    depth = 0
+    for k in range(open_at, len(mask)):
+        if mask[k] == "(":
+            depth += 1
+        elif mask[k] == ")":
+            depth -= 1
+            if depth == 0:
+                return k
+    return -1
+
+
+REL_FLIPS = {"==": ["!="], "!=": ["=="], "<": ["<=", ">="], "<=": ["<", ">"], ">": [">=", "<="],
+             ">=": [">", "<"]}
+
+
+def mutants_of(path, text, statuses):
+    """Every mutant of one file: (path, offset, old, new, kind)."""
+    mask = code_mask(text)
+    found = []
+    # Binary operators are written with a blank on either side; template
+    # brackets, shifts and arrows are not.
+    for m in re.finditer(r"(?<=\s)(==|!=|<=|>=|<|>)(?=\s)", mask):
+        for new in REL_FLIPS[m.group(1)]:
+            found.append((path, m.start(), m.group(1), new, "rel"))
+    for m in re.finditer(r"(?<=\s)(&&|\|\|)(?=\s)", mask):
+        found.append((path, m.start(), m.group(1), "||" if m.group(1) == "&&" else "&&", "logic"))
+    for m in re.finditer(r"(?<![\w.])(\d+)(u|U|ul|UL|ull|ULL)?(?![\w.])", mask):
+        v = int(m.group(1))
+        suffix = m.group(2) or ""
+        for new in {v + 1, v - 1} - {-1}:
+            found.append((path, m.start(), m.group(0), f"{new}{suffix}", "const"))
+    for m in re.finditer(r"\bif \(", mask):
+        open_at = m.end() - 1
+        close = matching_paren(mask, open_at)
+        if close < 0:
+            continue
+        cond = text[open_at + 1:close]
+        if cond.lstrip().startswith(("vogno ", "auto ", "const ", "char ", "std::")) or ";" in cond:
+            continue  # an if with an initialiser: negating it would not compile
+        found.append((path, open_at + 1, cond, f"!({cond})", "neg"))
+        body = re.match(r"\s*(return\b[^;{}]*;)", mask[close + 1:])
+        if body:
+            start = close + 1 + body.start(1)
+            found.append((path, start, text[start:start + len(body.group(1))], ";", "return"))
+    # Expression statements of their own line: calls, assignments, increments.
+    for m in re.finditer(r"(?m)^[ \t]+((?:[A-Za-z_][\w:.\->\[\]*]*)\s*(?:\(|=[^=]|\+=|-=|\|=|&=|\+\+|--)"
+                         r"[^;{}]*;)[ \t]*$", mask):
+        stmt = text[m.start(1):m.end(1)]
+        first = stmt.split()[0]
+        if first in ("return", "if", "for", "while", "switch", "case", "else", "do", "delete"):
+            continue
+        if re.match(r"[A-Za-z_][\w:<>]*\s+[A-Za-z_*&]", stmt) and "(" not in stmt.split("=")[0]:
+            continue  # a declaration
+        found.append((path, m.start(1), stmt, ";", "stmt"))
+    for m in re.finditer(r"\bKEL_SHARED_ERR_[A-Z_]+\b", mask):
+        others = [s for s in statuses if s != m.group(0)]
+        if others:
+            # One replacement per site, chosen from the site itself so the
+            # list is the same on every run.
+            new = others[(m.start() * 7919) % len(others)]
+            found.append((path, m.start(), m.group(0), new, "status"))
+    return found
+
+
+def all_mutants(root, scopes):
+    """Every mutant of the tree at root, in a fixed order."""
+    header = open(os.path.join(root, "lib/include/kela_shared.h")).read()
+    statuses = sorted(set(re.findall(r"#define (KEL_SHARED_ERR_[A-Z_]+) +KEL_SHARED_ERR\(", header)))
+    out = []
+    for scope in scopes:
+        for d in SCOPES[scope]:
+            for name in sorted(os.listdir(os.path.join(root, d))):
+                if SOURCE.search(name):
+                    rel = f"{d}/{name}"
+                    out += mutants_of(rel, open(os.path.join(root, rel)).read(), statuses)
+    return out
+
+
+def line_of(text, offset):
+    return text.count("\n", 0, offset) + 1
+
+
+# ---- building and testing ----------------------------------------------------------------
+
+def sh(cmd, cwd, timeout=None):
+    return subprocess.run(cmd, cwd=cwd, capture_output=True, text=True, timeout=timeout)
+
+
+def copy_tree(workdir, rev):
+    """The tree of revision rev in workdir/src.  Files whose bytes did not
+    change keep their time stamps, and the build its objects."""
+    src, fresh = os.path.join(workdir, "src"), os.path.join(workdir, "rev")
+    shutil.rmtree(fresh, ignore_errors=True)
+    os.makedirs(fresh)
+    archive = subprocess.run(["git", "archive", rev], cwd=ROOT, capture_output=True, check=True)
+    subprocess.run(["tar", "-x", "-C", fresh], input=archive.stdout, check=True)
+    wanted = set()
+    for d, _, names in os.walk(fresh):
+        for name in names:
+            a = os.path.join(d, name)
+            rel = os.path.relpath(a, fresh)
+            wanted.add(rel)
+            b = os.path.join(src, rel)
+            if os.path.exists(b) and open(a, "rb").read() == open(b, "rb").read():
+                continue
+            os.makedirs(os.path.dirname(b), exist_ok=True)
+            shutil.copy2(a, b)
+            os.utime(b)  # newer than any object built from the old bytes
+    for d, _, names in os.walk(src):
+        for name in names:
+            if os.path.relpath(os.path.join(d, name), src) not in wanted:
+                os.remove(os.path.join(d, name))
+    shutil.rmtree(fresh)
+    return src
+
+
+def test_commands(build):
+    """One command per test program: gtest binaries run whole, others as
+    ctest has them; fastest kinds first."""
+    info = json.loads(sh(["ctest", "--show-only=json-v1"], build).stdout)
+    programs, scripts = [], []
+    for t in info.get("tests", []):
+        if SLOW.search(t["name"]) or not t.get("command"):
+            continue
+        cmd = t["command"]
+        env = {}
+        for p in t.get("properties", []):
+            if p["name"] == "ENVIRONMENT":
+                env = dict(e.split("=", 1) for e in p["value"])
+        if any(a.startswith("--gtest_filter") for a in cmd):
+            key = (cmd[0], tuple(sorted(env.items())))
+            if key not in [(c[0], tuple(sorted(e.items()))) for c, e in programs]:
+                programs.append(([cmd[0]], env))
+        else:
+            scripts.append((cmd, env))
+    return programs + scripts
+
+
+def run_tests(commands, build, timeout):
+    """'killed' with the program that failed, or 'survived'."""
+    deadline = time.monotonic() + timeout
+    for cmd, env in commands:
+        left = deadline - time.monotonic()
+        if left <= 0:
+            return "killed", "timeout"
+        try:
+            r = subprocess.run(cmd, cwd=build, capture_output=True, timeout=left,
+                               env={**os.environ, **env})
+        except subprocess.TimeoutExpired:
+            return "killed", "timeout"
+        if r.returncode != 0:
+            return "killed", os.path.basename(cmd[0])
+    return "survived", ""
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    ap.add_argument("--draw", type=int, default=1,
+                    help="which fixed random sample to take (same number, same sample)")
+    ap.add_argument("--count", type=int, default=150)
+    ap.add_argument("--scope", default="lib", help="comma-separated: lib, platform, tools")
+    ap.add_argument("--rev", default="HEAD", help="the revision to mutate (default HEAD)")
+    ap.add_argument("--workdir", default=os.path.join(ROOT, "build", "mutation"))
+    ap.add_argument("--timeout", type=float, default=120, help="test time per mutant, seconds")
+    ap.add_argument("--list", action="store_true", help="print the sample and stop")
+    args = ap.parse_args()
+
+    scopes = args.scope.split(",")
+    os.makedirs(args.workdir, exist_ok=True)
+    src = copy_tree(args.workdir, args.rev)
+    every = all_mutants(src, scopes)
+    sample = random.Random(args.draw).sample(every, min(args.count, len(every)))
+    rev = sh(["git", "rev-parse", "--short", args.rev], ROOT).stdout.strip()
+    print(f"{len(every)} mutants in {','.join(scopes)} at {rev}; "
+          f"sample of {len(sample)} (draw {args.draw})")
+    if args.list:
+        for path, off, old, new, kind in sample:
+            t = open(os.path.join(src, path)).read()
+            print(f"{path}:{line_of(t, off)}: {kind} {old!r} -> {new!r}")
+        return 0
+
+    build = os.path.join(args.workdir, "build")
+    cfg = sh(["cmake", "-S", src, "-B", build, "-DCMAKE_BUILD_TYPE=Debug", "-DKELA_SANITIZE=ON",
+              "-DKELA_BUILD_EXAMPLES=OFF"], ROOT)
+    if cfg.returncode != 0:
+        sys.exit(cfg.stderr)
+    t0 = time.monotonic()
+    base = sh(["cmake", "--build", build, "-j2"], ROOT)
+    if base.returncode != 0:
+        sys.exit(base.stdout[-3000:] + "\nthe unmutated tree does not build")
+    commands = test_commands(build)
+    verdict, why = run_tests(commands, build, args.timeout * 4)
+    if verdict != "survived":
+        sys.exit(f"the unmutated tree fails its tests ({why})")
+    print(f"baseline built and tested in {time.monotonic() - t0:.0f} s; "
+          f"{len(commands)} test programs")
+
+    counts = {"killed": 0, "survived": 0, "did not compile": 0}
+    survivors = []
+    for i, (path, off, old, new, kind) in enumerate(sample, 1):
+        file = os.path.join(src, path)
+        original = open(file).read()
+        assert original[off:off + len(old)] == old, (path, off, old)
+        where = f"{path}:{line_of(original, off)}: {kind} {old!r} -> {new!r}"
+        try:
+            with open(file, "w") as f:
+                f.write(original[:off] + new + original[off + len(old):])
+            started = time.monotonic()
+            if sh(["cmake", "--build", build, "-j2"], ROOT).returncode != 0:
+                verdict, why = "did not compile", ""
+            else:
+                verdict, why = run_tests(commands, build, args.timeout)
+        finally:
+            with open(file, "w") as f:
+                f.write(original)
+        counts[verdict] += 1
+        if verdict == "survived":
+            survivors.append(where)
+        print(f"[{i}/{len(sample)}] {verdict:15} {time.monotonic() - started:5.0f} s  {where}"
+              + (f"  ({why})" if why else ""), flush=True)
+    # Leave the build matching the restored sources.
+    sh(["cmake", "--build", build, "-j2"], ROOT)
+
+    tested = counts["killed"] + counts["survived"]
+    rate = 100.0 * counts["killed"] / tested if tested else 0.0
+    print(f"\ndraw {args.draw}, sample {len(sample)}: killed {counts['killed']}, "
+          f"survived {counts['survived']}, did not compile {counts['did not compile']}; "
+          f"kill rate {rate:.1f}% of the mutants that compiled")
+    for s in survivors:
+        print("survived:", s)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
