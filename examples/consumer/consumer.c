@@ -3,13 +3,14 @@
  * registers a 32-bit metric, an origin enumeration and a destination prefix
  * with the reference platform, compiles three conditions and evaluates them
  * against two routes.  Exit status 0 when every outcome is the expected one.
+ * The first line it prints is the version of the header it was built with.
  */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
-#include "kela_ref.h"
-#include "kela_shared.h"
+#include <kela_shared/kela_ref.h>
+#include <kela_shared/kela_shared.h>
 
 struct route {
     uint32_t metric; /* 32-bit element 0 */
@@ -51,6 +52,8 @@ static kref_stmt_t *compile(const char *attr, const char *op, size_t n, const kr
 
 int main(void) {
     char err[128];
+    printf("kela-shared %d.%d.%d\n", KELA_SHARED_VERSION_MAJOR, KELA_SHARED_VERSION_MINOR,
+           KELA_SHARED_VERSION_PATCH);
     if (shared_kela_uint32_base_init(NULL, err, (int32_t)sizeof err, &metric) != 0 ||
         shared_kela_enum_base_init_v2(NULL, err, (int32_t)sizeof err, &origin, locations, locations,
                                       locations, NULL) != 0 ||

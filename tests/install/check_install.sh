@@ -1,30 +1,27 @@
 #!/usr/bin/env bash
-# Installs a plain build into a temporary prefix, then builds the C consumer
-# outside the build tree through pkg-config and through find_package, and
-# runs both; the export list is checked on the installed library too.
-# Usage: check_install.sh SOURCE_DIR
+# Installs a build with cmake --install --prefix DIR (a prefix other than the
+# configured one) and into a DESTDIR stage, then builds and runs the C
+# consumer against each through pkg-config and find_package.
+# Usage: check_install.sh SOURCE_DIR VERSION [PACKAGE_BUILD_DIR]
+# PACKAGE_BUILD_DIR, when it holds a configured build (the package test's),
+# is installed instead of making a build of our own.
 set -u
-src=$1
+src=$1 version=$2 build=${3:-}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-pass=0 fail=0
-step() {
-  local what=$1
-  shift
-  if "$@" >"$work/log" 2>&1; then pass=$((pass + 1)); else fail=$((fail + 1)); echo "FAILED: $what"; tail -20 "$work/log"; fi
-}
-# A build of its own, without sanitizers, as a user would install it.
-step configure cmake -S "$src" -B "$work/build" -DCMAKE_BUILD_TYPE=Release -DKELA_BUILD_TESTS=OFF \
-  -DKELA_BUILD_EXAMPLES=OFF -DCMAKE_INSTALL_PREFIX="$work/prefix"
-step build cmake --build "$work/build" -j2
-step install cmake --install "$work/build"
-prefix=$work/prefix
-export LD_LIBRARY_PATH=$prefix/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
-step "pkg-config consumer" sh -c "cc -std=c11 -pedantic -Wall -Werror -o '$work/consumer-pc' '$src/examples/consumer/consumer.c' \
-  \$(PKG_CONFIG_PATH='$prefix/lib/pkgconfig' pkg-config --cflags --libs kela-shared kela-platform) && '$work/consumer-pc'"
-step "find_package consumer" sh -c "cmake -S '$src/examples/consumer' -B '$work/consumer' -DCMAKE_PREFIX_PATH='$prefix' && \
-  cmake --build '$work/consumer' && '$work/consumer/consumer'"
-step "installed exports" "$src/tests/exports/check_exports.sh" "$prefix/lib/libkela_shared.so" "$src"
-step "installed kela-policy" "$prefix/bin/kela-policy" check "$src/examples/policy.kp"
+. "$src/tests/install/common.sh"
+if [ -z "$build" ] || [ ! -f "$build/CMakeCache.txt" ]; then
+  # A build of its own, without sanitizers, configured for /usr/local as the
+  # README's install section does.
+  build=$work/build
+  step configure cmake -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=Release -DKELA_BUILD_TESTS=OFF \
+    -DKELA_BUILD_EXAMPLES=OFF -DCMAKE_INSTALL_PREFIX=/usr/local
+  step build cmake --build "$build" -j2
+fi
+step "install --prefix" cmake --install "$build" --prefix "$work/prefix"
+consumers prefix "$work/prefix" "$version"
+configured=$(sed -n 's/^CMAKE_INSTALL_PREFIX:PATH=//p' "$build/CMakeCache.txt")
+step "install DESTDIR" env DESTDIR="$work/stage" cmake --install "$build"
+consumers destdir "$configured" "$version" "$work/stage"
 echo "install: $pass passed, $fail failed"
 [ $fail -eq 0 ]
