@@ -1,4 +1,5 @@
-// kela-policy's policy and route parsers, and the compilation of what parses.
+// kela-policy's policy and route parsers (text, JSON and bgpdump lines), and
+// the compilation of what parses.
 #include <string>
 
 #include "client.hpp"
@@ -13,8 +14,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const std::string text(reinterpret_cast<const char *>(data), size);
     kp::Route r;
     kp::RouteError rerr;
+    bool skip = false;
     (void)kp::parse_route_text(text, r, rerr);
     (void)kp::parse_route_json(text, r, rerr);
+    (void)kp::parse_route_bgpdump(text, r, rerr, skip);
     kp::Policy policy;
     kp::PolicyError perr;
     if (kp::parse_policy(text, policy, perr)) (void)kp::compile_policy(policy, "import", perr);

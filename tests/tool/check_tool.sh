@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # End-to-end checks of kela-policy: golden outputs of the bundled example,
-# the validity of the JSON output, and the corpus of bad inputs in bad/
-# (policies refused by the parser or a verifier, malformed route lines).
+# the validity of the JSON output, the corpus of bad inputs in bad/
+# (policies refused by the parser or a verifier, malformed route lines), and
+# input from pipes, FIFOs and standard input, failing reads and writes.
 # Usage: check_tool.sh TOOL SOURCE_DIR GROUP
 set -u
 tool=$1 src=$2 group=$3
@@ -45,25 +46,63 @@ bad_policies)
     rc=$?
     if [ $rc -eq 2 ] && diff -u "${kp%.kp}.expected" "$work/err"; then ok; else bad "$kp: exit $rc"; fi
   done
-  # A directory opens but cannot be read.
-  "$tool" check . >/dev/null 2>"$work/err"
-  rc=$?
-  if [ $rc -eq 1 ] && [ "$(cat "$work/err")" = "kela-policy: cannot read ." ]; then ok; else bad "a directory: exit $rc"; fi
   ;;
 bad_routes)
-  # Each route file of bad/routes runs to the end (exit 0) with exactly the
-  # errors of its .expected file, and counts each of them as malformed.
+  # Each route file of bad/routes runs to the end (exit 3: malformed lines)
+  # with exactly the errors of its .expected file, and counts each of them.
   cd "$here/bad/routes" || exit 1
   for routes in *.txt *.jsonl; do
     "$tool" run --quiet accept-all.kp "$routes" >"$work/out" 2>"$work/err"
     rc=$?
-    if [ $rc -eq 0 ] && diff -u "${routes%.*}.expected" "$work/err"; then ok; else bad "$routes: exit $rc"; fi
+    if [ $rc -eq 3 ] && diff -u "${routes%.*}.expected" "$work/err"; then ok; else bad "$routes: exit $rc"; fi
     n=$(wc -l <"${routes%.*}.expected")
     if grep -q " $n malformed;" "$work/out"; then ok; else bad "$routes: $(tail -1 "$work/out")"; fi
   done
   "$tool" run --quiet --strict accept-all.kp text.txt >/dev/null 2>"$work/err"
   rc=$?
-  if [ $rc -eq 1 ] && [ "$(cat "$work/err")" = "$(head -1 text.expected)" ]; then ok; else bad "--strict: exit $rc"; fi
+  if [ $rc -eq 3 ] && [ "$(cat "$work/err")" = "$(head -1 text.expected)" ]; then ok; else bad "--strict: exit $rc"; fi
+  ;;
+io)
+  # The example policy asks the routing table (rib-has-route), which is the
+  # route input itself: every kind of input must give the file's output.
+  cd "$src" || exit 1
+  run() { timeout 60 "$tool" run --quiet --track uplink1=up "$@"; }
+  run examples/policy.kp examples/routes.txt >"$work/file.out" 2>&1
+  mkfifo "$work/fifo" "$work/fifo2"
+  tr '\n' '\r' <examples/routes.txt >"$work/cr.txt"            # old Mac line ends
+  sed 's/$/\r/' examples/routes.txt >"$work/crlf.txt"
+  tr '\n' '\r' <examples/policy.kp >"$work/cr.kp"
+  while IFS='|' read -r name cmd; do
+    eval "$cmd" >"$work/out" 2>&1
+    rc=$?
+    if [ $rc -eq 0 ] && cmp -s "$work/file.out" "$work/out"; then ok; else bad "$name: exit $rc"; diff "$work/file.out" "$work/out" | head -5; fi
+  done <<'CASES'
+standard input|run examples/policy.kp - <examples/routes.txt
+/dev/stdin|run examples/policy.kp /dev/stdin <examples/routes.txt
+pipe|cat examples/routes.txt | run examples/policy.kp -
+process substitution|run examples/policy.kp <(cat examples/routes.txt)
+FIFO|{ cat examples/routes.txt >"$work/fifo" & } ; run examples/policy.kp "$work/fifo"
+table from a pipe|run --rib <(cat examples/routes.txt) examples/policy.kp examples/routes.txt
+table and routes from FIFOs|{ cat examples/routes.txt >"$work/fifo" & cat examples/routes.txt >"$work/fifo2" & } ; run --rib "$work/fifo" examples/policy.kp "$work/fifo2"
+CR line ends|run examples/policy.kp "$work/cr.txt"
+CR LF line ends|run examples/policy.kp "$work/crlf.txt"
+CR policy|run "$work/cr.kp" examples/routes.txt
+CASES
+  # Reads and writes that fail: reading /proc/self/mem at offset 0 fails
+  # with EIO, a directory with EISDIR, /dev/full takes no byte.
+  while IFS='|' read -r name want cmd; do
+    eval "$cmd" >/dev/null 2>"$work/err"
+    rc=$?
+    if [ $rc -eq 1 ] && grep -q "$want" "$work/err"; then ok; else bad "$name: exit $rc: $(cat "$work/err")"; fi
+  done <<'CASES'
+policy EIO|cannot read /proc/self/mem: Input/output error|"$tool" check /proc/self/mem
+policy directory|cannot read .: Is a directory|"$tool" check .
+routes EIO|cannot read /proc/self/mem: Input/output error|run examples/policy.kp /proc/self/mem
+table EIO|cannot read /proc/self/mem: Input/output error|run --rib /proc/self/mem examples/policy.kp examples/routes.txt
+track file EIO|cannot read /proc/self/mem: Input/output error|run --track-file /proc/self/mem examples/policy.kp examples/routes.txt
+full device|cannot write the output: No space left on device|run examples/policy.kp examples/routes.txt >/dev/full
+full device, check|cannot write the output: No space left on device|"$tool" check examples/policy.kp >/dev/full
+CASES
   ;;
 *) echo "unknown group $group"; exit 2 ;;
 esac

@@ -1,103 +1,70 @@
 // kela-policy: runs route policies over route streams with the library's
-// attribute types on the reference platform.
+// attribute types on the reference platform.  Commands: run, check, eval,
+// show; the man page (kela-policy.1) describes them.
 #include <unistd.h>
 
+#include <cerrno>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iostream>
-#include <sstream>
+#include <deque>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <unordered_set>
 #include <vector>
 
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
 #include "client.hpp"
+#include "engine.hpp"
 #include "kela_ref.h"
 #include "kela_ref_state.h"
+#include "lines.hpp"
 #include "policy.hpp"
-#include "vog.h"
+
+#ifndef KELA_VERSION
+#define KELA_VERSION "unknown"
+#endif
 
 namespace {
 
-const char kUsage[] =
-    R"(NAME
-    kela-policy - run route policies built from the kela-shared attribute types
-
-SYNOPSIS
-    kela-policy run [OPTIONS] POLICY ROUTES
-    kela-policy check [OPTIONS] POLICY
-    kela-policy --help
-
-DESCRIPTION
-    run     compiles POLICY and evaluates every route of ROUTES ("-" reads
-            standard input), printing for each route its verdict, the rule
-            that decided and the attributes the rule changed, then a summary.
-    check   compiles POLICY only.
-
-    Rules are tried in order; the first whose conditions all hold decides.
-    The policy language is described in docs/policy-language.md.
-
-ROUTES
-    One route per line, either readable text
-        dest=10.1.0.0/16 nexthop=192.0.2.1 metric=20 tag=7 pref=100
-        origin=igp community=65000:10 flags=no-export peer=192.0.2.9/32
-        mac=0011.2233.4455 table=0
-    or JSON Lines with the same fields:
-        {"dest": "10.1.0.0/16", "metric": 20, "origin": "igp"}
-    Blank lines and lines starting with '#' are skipped.
-
-OPTIONS
-    --format text|json   output format (default text)
-    --input auto|text|json
-                         route format (default auto: a line starting with
-                         '{' is JSON)
-    --explain            show which rule decided and every condition's outcome
-    --strict             stop at the first malformed route line
-    --at LOCATION        attach point the policy runs at (default import)
-    --rib FILE           routing table for rib-has-route, one route per line
-                         in the route format; default: the routes of ROUTES
-    --track NAME=up|down state of a tracked object (repeatable)
-    --track-file FILE    lines "NAME up|down"
-    --quiet              no progress indicator
-    --parse-only         read and parse the routes, evaluate nothing (for
-                         measuring the policy's own cost)
-    --help               this text
-
-EXIT STATUS
-    0 success; 1 a malformed route with --strict, or an unreadable file;
-    2 a policy that does not compile, or a usage error.
-)";
+// Exit statuses.
+constexpr int kOk = 0, kIoError = 1, kPolicyError = 2, kMalformed = 3;
 
 struct Options {
-    std::string command, policy_file, routes_file, rib_file, track_file;
-    std::string format = "text", input = "auto", location = "import";
-    std::vector<std::string> tracks;
-    bool explain = false, strict = false, quiet = false, parse_only = false;
+    std::string policy_file, routes_file = "-", rib_file, track_file;
+    std::string format = "text", input = "auto", location = "import", output = "verdicts";
+    std::vector<std::string> tracks, routes;  // routes: eval's arguments
+    bool explain = false, strict = false, quiet = false, parse_only = false, werror = false;
+    bool set_hits = false;
+    unsigned jobs = 1;
+    bool json() const { return format == "json"; }
 };
 
-int usage_error(const std::string &m) {
-    std::fprintf(stderr, "kela-policy: %s\nTry 'kela-policy --help'.\n", m.c_str());
-    return 2;
-}
+// ---- output ------------------------------------------------------------------------
 
-// Opens a file for reading.  A directory opens on Linux but every read of
-// it fails, which would read as an empty file: it is refused here.
-bool open_file(const std::string &path, std::ifstream &in,
-               std::ios::openmode mode = std::ios::in) {
-    std::error_code ec;
-    if (std::filesystem::is_directory(path, ec)) return false;
-    in.open(path, mode);
-    return static_cast<bool>(in);
-}
+// Standard output through write(2), so that a failed write (a full disk,
+// /dev/full) is seen and reported instead of lost.
+class Out {
+public:
+    bool put(std::string_view s) {
+        while (!s.empty() && errno_ == 0) {
+            const ssize_t n = ::write(STDOUT_FILENO, s.data(), s.size());
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0) errno_ = errno;
+            else s.remove_prefix(static_cast<std::size_t>(n));
+        }
+        return errno_ == 0;
+    }
+    int error() const { return errno_; }
 
-bool read_file(const std::string &path, std::string &out) {
-    std::ifstream in;
-    if (!open_file(path, in, std::ios::binary)) return false;
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    out = ss.str();
-    return true;
-}
+private:
+    int errno_ = 0;
+};
+Out g_out;
 
 // Error messages quote the input; its control and non-ASCII bytes are
 // shown as \xNN so that a message is always one printable line.
@@ -115,364 +82,599 @@ std::string printable(const std::string &s) {
     return out;
 }
 
-std::string json_escape(const std::string &s) {
-    std::string out;
-    for (char c : s) {
-        switch (c) {
-            case '"':
-                out += "\\\"";
+// Messages on standard error, as text or (with --format json) JSON Lines.
+struct Reporter {
+    bool json = false;
+
+    void emit(const char *kind, const std::string &file, std::size_t line, std::size_t column,
+              const std::string &message, const std::string &note = {}) const {
+        if (json) {
+            nlohmann::ordered_json j;
+            if (!file.empty()) j["file"] = file;
+            if (line != 0) j["line"] = line;
+            if (column != 0) j["column"] = column;
+            j["message"] = message;
+            if (!note.empty()) j["note"] = note;
+            const std::string s =
+                nlohmann::ordered_json{{kind, j}}.dump(-1, ' ', false,
+                                                      nlohmann::json::error_handler_t::replace);
+            std::fprintf(stderr, "%s\n", s.c_str());
+            return;
+        }
+        std::string at = file.empty() ? "kela-policy" : file;
+        if (line != 0) at += ":" + std::to_string(line);
+        if (line != 0 && column != 0) at += ":" + std::to_string(column);
+        std::fprintf(stderr, "%s: %s: %s\n", printable(at).c_str(), kind,
+                     printable(message).c_str());
+        if (!note.empty())
+            std::fprintf(stderr, "%s: note: %s\n", printable(at).c_str(), printable(note).c_str());
+    }
+    int error(const std::string &message, int status) const {
+        emit("error", "", 0, 0, message);
+        return status;
+    }
+    // A route line's error, as one line for the batch's error text.
+    std::string route_error(const std::string &file, std::size_t line, const kp::RouteError &e) const {
+        if (json) {
+            nlohmann::ordered_json j{{"file", file}, {"line", line}};
+            if (e.column != 0) j["column"] = e.column;
+            j["message"] = e.message;
+            return nlohmann::ordered_json{{"error", j}}.dump(
+                       -1, ' ', false, nlohmann::json::error_handler_t::replace) +
+                   "\n";
+        }
+        // Column 0: the error is the line's as a whole.
+        const std::string at = e.column != 0 ? ":" + std::to_string(e.column) : "";
+        return printable(file) + ":" + std::to_string(line) + at + ": error: " +
+               printable(e.message) + "\n";
+    }
+};
+
+kp::Format input_format(const std::string &name) {
+    return name == "text"      ? kp::Format::Text
+           : name == "json"    ? kp::Format::Json
+           : name == "bgpdump" ? kp::Format::Bgpdump
+                               : kp::Format::Auto;
+}
+
+bool skip_line(std::string_view line) {
+    const std::size_t first = line.find_first_not_of(" \t");
+    return first == std::string_view::npos || line[first] == '#';
+}
+
+// Parses a route line; false with `err` set.  `skip`: a line that is no
+// route (a withdrawal in a bgpdump stream).
+bool parse_line(kp::Format chosen, std::string_view line, kp::Route &r, kp::RouteError &err,
+                bool &skip) {
+    skip = false;
+    switch (kp::line_format(line, chosen)) {
+        case kp::Format::Json:
+            return kp::parse_route_json(line, r, err);
+        case kp::Format::Bgpdump:
+            return kp::parse_route_bgpdump(line, r, err, skip);
+        default:
+            return kp::parse_route_text(line, r, err);
+    }
+}
+
+// ---- the policy --------------------------------------------------------------------
+
+std::string dir_of(const std::string &path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "" : path.substr(0, slash == 0 ? 1 : slash);
+}
+
+// Reads, parses and compiles the policy, and reports its warnings; 0 or
+// the exit status.
+int load_policy(const Options &o, const Reporter &rep, kp::Policy &policy) {
+    std::string text, error;
+    if (!kp::read_all(o.policy_file, text, error)) return rep.error(error, kIoError);
+    if (kp::register_attributes(error) != 0) return rep.error(error, kIoError);
+    kp::PolicyError perr;
+    kp::ParseOptions popt;
+    popt.load = [](const std::string &path, std::string &out, std::string &err) {
+        return kp::read_all(path, out, err);
+    };
+    popt.base_dir = dir_of(o.policy_file);
+    if (!kp::parse_policy(text, policy, perr, popt) ||
+        !kp::compile_policy(policy, o.location.c_str(), perr)) {
+        rep.emit("error", perr.file.empty() ? o.policy_file : perr.file, perr.line, perr.column,
+                 perr.message, perr.note);
+        return kPolicyError;
+    }
+    for (const kp::Diagnostic &d : policy.warnings)
+        rep.emit(o.werror ? "error" : "warning", d.where.file.empty() ? o.policy_file : d.where.file,
+                 d.where.line, d.where.column, d.message, d.note);
+    return 0;
+}
+
+// Sets the tracked objects' states from --track and --track-file, then
+// warns about objects the policy names that got none.
+int set_tracks(const Options &o, const Reporter &rep, kp::Policy &policy, bool &warned) {
+    std::unordered_set<std::string> given;
+    auto set = [&](const std::string &name, const std::string &state) {
+        if (name.empty() || (state != "up" && state != "down")) return false;
+        if (kref_track_set(name.c_str(), state == "up") != 0) return false;
+        given.insert(name);
+        return true;
+    };
+    for (const std::string &t : o.tracks) {
+        const std::size_t eq = t.find('=');
+        if (eq == std::string::npos || !set(t.substr(0, eq), t.substr(eq + 1)))
+            return rep.error("bad --track " + kp::quote(t) + " (NAME=up or NAME=down)",
+                             kPolicyError);
+    }
+    if (!o.track_file.empty()) {
+        kp::LineReader in;
+        if (!in.open(o.track_file)) return rep.error(in.error(), kIoError);
+        std::string_view line;
+        while (in.next(line)) {
+            if (skip_line(line)) continue;
+            char name[256] = "", state[16] = "";
+            const std::string l(line);
+            if (std::sscanf(l.c_str(), "%255s %15s", name, state) != 2 || !set(name, state)) {
+                rep.emit("error", o.track_file, in.line_number(), 0, "expected 'NAME up|down'");
+                return kPolicyError;
+            }
+        }
+        if (!in.error().empty()) return rep.error(in.error(), kIoError);
+    }
+    for (const auto &[name, where] : policy.tracks)
+        if (given.count(name) == 0) {
+            rep.emit(o.werror ? "error" : "warning", o.policy_file, where.line, where.column,
+                     "tracked object " + kp::quote(name) + " is given no state and counts as down",
+                     "give it one with --track " + name + "=up or --track-file");
+            warned = true;
+        }
+    return 0;
+}
+
+// ---- route input in batches ---------------------------------------------------------
+
+struct Batch {
+    struct Line {
+        std::size_t at, len, number;
+    };
+    std::string text;
+    std::vector<Line> lines;
+    std::vector<kp::Route> routes;
+    std::vector<signed char> state;  // 1 a route, 0 malformed, 2 no route
+    bool parsed = false, stopped = false, done = false;
+    std::string out, errors;
+    std::size_t malformed = 0;
+    std::string_view line(std::size_t i) const {
+        return std::string_view(text).substr(lines[i].at, lines[i].len);
+    }
+};
+
+constexpr std::size_t kBatchLines = 4096, kBatchBytes = 1 << 20;
+
+// Reads the next batch of route lines; false at the end (check the
+// reader's error).
+bool read_batch(kp::LineReader &in, Batch &b) {
+    std::string_view line;
+    while (b.lines.size() < kBatchLines && b.text.size() < kBatchBytes && in.next(line)) {
+        if (skip_line(line)) continue;
+        b.lines.push_back({b.text.size(), line.size(), in.line_number()});
+        b.text.append(line);
+    }
+    return !b.lines.empty();
+}
+
+struct Runner {
+    const Options &o;
+    const Reporter &rep;
+    kp::Format format;
+    const kp::Engine *engine = nullptr;
+
+    void parse(Batch &b) const {
+        b.routes.resize(b.lines.size());
+        b.state.assign(b.lines.size(), 0);
+        for (std::size_t i = 0; i < b.lines.size(); ++i) {
+            kp::RouteError err;
+            bool skip = false;
+            if (parse_line(format, b.line(i), b.routes[i], err, skip)) {
+                b.state[i] = skip ? 2 : 1;
+                continue;
+            }
+            ++b.malformed;
+            b.errors += rep.route_error(o.routes_file, b.lines[i].number, err);
+            if (o.strict) {
+                b.stopped = true;
+                b.lines.resize(i);  // nothing after the first malformed line
                 break;
-            case '\\':
-                out += "\\\\";
-                break;
-            case '\n':
-                out += "\\n";
-                break;
-            case '\t':
-                out += "\\t";
-                break;
-            default:
-                if (static_cast<unsigned char>(c) < 0x20) {
-                    char buf[8];
-                    std::snprintf(buf, sizeof buf, "\\u%04x", c);
-                    out += buf;
-                } else {
-                    out += c;
-                }
+            }
+        }
+        b.parsed = true;
+    }
+    void evaluate(Batch &b, kp::Counters &c) const {
+        if (!b.parsed) parse(b);
+        c.malformed += b.malformed;
+        for (std::size_t i = 0; i < b.lines.size(); ++i) {
+            if (b.state[i] == 2) ++c.skipped;
+            if (b.state[i] != 1) continue;
+            if (o.parse_only) {
+                ++c.routes;
+                continue;
+            }
+            engine->evaluate(b.routes[i], b.line(i), b.lines[i].number, c, b.out);
         }
     }
-    return out;
-}
+};
 
-// Reads a route line in the chosen format.
-bool parse_line(const Options &o, const std::string &line, kp::Route &r, kp::RouteError &err) {
-    const std::size_t first = line.find_first_not_of(" \t");
-    const bool json = o.input == "json" ||
-                      (o.input == "auto" && first != std::string::npos && line[first] == '{');
-    return json ? kp::parse_route_json(line, r, err) : kp::parse_route_text(line, r, err);
-}
-
-bool skip_line(const std::string &line) {
-    const std::size_t first = line.find_first_not_of(" \t\r");
-    return first == std::string::npos || line[first] == '#';
-}
-
-// Loads the routing table from a route file.
-bool load_rib(const Options &o, const std::string &path, std::size_t &loaded) {
-    std::ifstream file;
-    std::istream *in = &std::cin;
-    if (path != "-") {
-        if (!open_file(path, file)) return false;
-        in = &file;
+// Evaluates the batches on `jobs` threads and writes their output in input
+// order.  `next` yields the batches one after another (null at the end).
+template <class Next>
+int run_batches(const Options &o, Runner &runner, std::vector<kp::Counters> &counters, Next next,
+                bool &stopped) {
+    const bool progress = !o.quiet && isatty(STDERR_FILENO) != 0;
+    std::size_t lines_written = 0, last_shown = 0;
+    auto write = [&](Batch &b) {
+        if (!b.errors.empty()) std::fputs(b.errors.c_str(), stderr);
+        if (!g_out.put(b.out)) return false;
+        lines_written += b.lines.size();
+        if (progress && lines_written - last_shown >= 65536) {
+            last_shown = lines_written;
+            std::fprintf(stderr, "\rkela-policy: %zu routes", lines_written);
+        }
+        stopped = stopped || b.stopped;
+        return true;
+    };
+    int status = kOk;
+    if (o.jobs <= 1) {
+        while (std::unique_ptr<Batch> b = next()) {
+            runner.evaluate(*b, counters[0]);
+            if (!write(*b)) {
+                status = kIoError;
+                break;
+            }
+            if (stopped) break;
+        }
+    } else {
+        std::mutex mu;
+        std::condition_variable work_cv, done_cv;
+        std::deque<Batch *> work;
+        std::deque<std::unique_ptr<Batch>> pending;  // in input order
+        bool closing = false;
+        std::vector<std::thread> threads;
+        for (unsigned w = 0; w < o.jobs; ++w)
+            threads.emplace_back([&, w] {
+                for (;;) {
+                    Batch *b = nullptr;
+                    {
+                        std::unique_lock<std::mutex> lock(mu);
+                        work_cv.wait(lock, [&] { return closing || !work.empty(); });
+                        if (work.empty()) return;
+                        b = work.front();
+                        work.pop_front();
+                    }
+                    runner.evaluate(*b, counters[w]);
+                    {
+                        std::lock_guard<std::mutex> lock(mu);
+                        b->done = true;
+                    }
+                    done_cv.notify_all();
+                }
+            });
+        // Writes the finished batches at the front; with `all`, waits for
+        // each.
+        auto drain = [&](std::size_t keep) {
+            for (;;) {
+                std::unique_ptr<Batch> b;
+                {
+                    std::unique_lock<std::mutex> lock(mu);
+                    if (pending.size() <= keep) return true;
+                    done_cv.wait(lock, [&] { return pending.front()->done; });
+                    b = std::move(pending.front());
+                    pending.pop_front();
+                }
+                if (status == kOk && !stopped && !write(*b)) status = kIoError;
+            }
+        };
+        const std::size_t in_flight = 2 * static_cast<std::size_t>(o.jobs);
+        while (status == kOk && !stopped) {
+            std::unique_ptr<Batch> b = next();
+            if (!b) break;
+            {
+                std::lock_guard<std::mutex> lock(mu);
+                work.push_back(b.get());
+                pending.push_back(std::move(b));
+            }
+            work_cv.notify_one();
+            drain(in_flight);
+        }
+        drain(0);
+        {
+            std::lock_guard<std::mutex> lock(mu);
+            closing = true;
+        }
+        work_cv.notify_all();
+        for (std::thread &t : threads) t.join();
     }
-    std::string line;
-    while (std::getline(*in, line)) {
+    if (progress && lines_written >= 65536) std::fprintf(stderr, "\n");
+    return status;
+}
+
+int write_failed(const Reporter &rep) {
+    return rep.error(std::string("cannot write the output: ") + std::strerror(g_out.error()),
+                     kIoError);
+}
+
+void add_to_rib(const kp::Route &r) {
+    const int afi = r.destination.family == 10 ? IP_RIB_AFI_IPV6 : IP_RIB_AFI_IPV4;
+    kref_rib_add(afi, r.table, r.destination.addr, r.destination.len, nullptr);
+}
+
+// Loads a routing table from its own file; its malformed lines are
+// reported and counted.
+int load_rib_file(const Options &o, const Reporter &rep, kp::Format format, kp::Counters &c) {
+    kp::LineReader in;
+    if (!in.open(o.rib_file)) return rep.error(in.error(), kIoError);
+    std::string_view line;
+    while (in.next(line)) {
         if (skip_line(line)) continue;
         kp::Route r;
         kp::RouteError err;
-        if (!parse_line(o, line, r, err)) continue;  // the run reports malformed lines
-        const int afi = r.destination.family == 10 ? IP_RIB_AFI_IPV6 : IP_RIB_AFI_IPV4;
-        if (kref_rib_add(afi, r.table, r.destination.addr, r.destination.len, nullptr) == 0)
-            ++loaded;
-    }
-    return true;
-}
-
-bool set_track(const std::string &name, const std::string &state) {
-    if (name.empty() || (state != "up" && state != "down")) return false;
-    return kref_track_set(name.c_str(), state == "up") == 0;
-}
-
-// The attributes a rule's actions set, each once, in the order set.
-std::vector<std::string> set_by(const kp::Rule &rule) {
-    std::vector<std::string> names;
-    for (const kp::Action &a : rule.actions) {
-        bool seen = false;
-        for (const auto &n : names) seen = seen || n == a.attr;
-        if (!seen) names.push_back(a.attr);
-    }
-    return names;
-}
-
-// Their printed values: only what a rule may change is printed, so routes
-// that no action touches cost nothing here.
-std::vector<std::string> snapshot(const std::vector<std::string> &names, kp::Route &r) {
-    std::vector<std::string> out;
-    for (const std::string &name : names) {
-        char *text = kref_attr_print(kref_attr_find(name.c_str()), &r);
-        out.emplace_back(text != nullptr ? text : "?");
-        std::free(text);
-    }
-    return out;
-}
-
-struct Outcome {
-    bool accept = false;
-    const kp::Rule *rule = nullptr;  // null: the default verdict
-    std::vector<std::pair<std::string, std::pair<std::string, std::string>>> changes;
-    std::string explain_text, explain_json;
-};
-
-Outcome evaluate(kp::Policy &policy, kp::Route &r, std::uint64_t key, bool explain) {
-    Outcome out;
-    kref_eval_rec_t rec{};
-    rec.session = r.table;
-    rec.afi = r.destination.family == 10 ? 2 : 1;
-    rec.key = key;
-    std::string ej;
-    for (kp::Rule &rule : policy.rules) {
-        bool all = true;
-        std::string rj;
-        for (kp::Condition &c : rule.conditions) {
-            int32_t got = 0;
-            const vogno st = kref_eval(c.stmt, &r, &rec, &got);
-            const bool holds = st == 0 && got == 1;
-            if (explain) {
-                out.explain_text +=
-                    "    rule " + rule.name + ": " + c.text + " = " + (holds ? "true" : "false");
-                if (st != 0) out.explain_text += std::string(" (") + vog_strerror(st) + ")";
-                out.explain_text += "\n";
-                rj += std::string(rj.empty() ? "" : ",") + "{\"condition\":\"" +
-                      json_escape(c.text) + "\",\"outcome\":" + (holds ? "true" : "false") + "}";
-            }
-            if (!holds) {
-                all = false;
-                break;
-            }
+        bool skip = false;
+        if (!parse_line(format, line, r, err, skip)) {
+            ++c.malformed;
+            std::fputs(rep.route_error(o.rib_file, in.line_number(), err).c_str(), stderr);
+            continue;
         }
-        if (explain)
-            ej += std::string(ej.empty() ? "" : ",") + "{\"rule\":\"" + json_escape(rule.name) +
-                  "\",\"conditions\":[" + rj + "]}";
-        if (!all) continue;
-        out.rule = &rule;
-        out.accept = rule.accept;
-        ++rule.hits;
-        if (!rule.actions.empty()) {
-            const std::vector<std::string> names = set_by(rule);
-            const std::vector<std::string> before = snapshot(names, r);
-            for (kp::Action &a : rule.actions) kref_apply(a.stmt, &r);
-            const std::vector<std::string> after = snapshot(names, r);
-            for (std::size_t i = 0; i < names.size(); ++i)
-                if (before[i] != after[i]) out.changes.push_back({names[i], {before[i], after[i]}});
-        }
-        break;
+        if (!skip) add_to_rib(r);
     }
-    if (out.rule == nullptr) {
-        out.accept = policy.default_accept;
-        ++policy.default_hits;
-    }
-    if (explain) out.explain_json = "[" + ej + "]";
-    return out;
+    if (!in.error().empty()) return rep.error(in.error(), kIoError);
+    return 0;
 }
 
-int run(const Options &o) {
-    std::string text;
-    if (!read_file(o.policy_file, text)) {
-        std::fprintf(stderr, "kela-policy: cannot read %s\n", o.policy_file.c_str());
-        return 1;
-    }
-    std::string error;
-    if (kp::register_attributes(error) != 0) {
-        std::fprintf(stderr, "kela-policy: %s\n", error.c_str());
-        return 1;
-    }
+// ---- commands ----------------------------------------------------------------------
+
+int cmd_check(const Options &o, const Reporter &rep) {
     kp::Policy policy;
-    kp::PolicyError perr;
-    if (!kp::parse_policy(text, policy, perr) ||
-        !kp::compile_policy(policy, o.location.c_str(), perr)) {
-        std::fprintf(stderr, "%s:%zu:%zu: error: %s\n", o.policy_file.c_str(), perr.line,
-                     perr.column, printable(perr.message).c_str());
-        return 2;
-    }
+    if (int st = load_policy(o, rep, policy); st != 0) return st;
+    if (o.werror && !policy.warnings.empty()) return kPolicyError;
     std::size_t conditions = 0, actions = 0;
     for (const kp::Rule &r : policy.rules) {
         conditions += r.conditions.size();
         actions += r.actions.size();
     }
-    if (o.command == "check") {
-        std::printf("%s: ok: %zu rules, %zu conditions, %zu actions\n", o.policy_file.c_str(),
-                    policy.rules.size(), conditions, actions);
-        return 0;
-    }
-
-    for (const std::string &t : o.tracks) {
-        const std::size_t eq = t.find('=');
-        if (eq == std::string::npos || !set_track(t.substr(0, eq), t.substr(eq + 1)))
-            return usage_error("bad --track '" + t + "' (NAME=up or NAME=down)");
-    }
-    if (!o.track_file.empty()) {
-        std::ifstream in;
-        if (!open_file(o.track_file, in)) {
-            std::fprintf(stderr, "kela-policy: cannot read %s\n", o.track_file.c_str());
-            return 1;
-        }
-        std::string line, name, state;
-        for (std::size_t n = 1; std::getline(in, line); ++n) {
-            if (skip_line(line)) continue;
-            std::istringstream ws(line);
-            if (!(ws >> name >> state) || !set_track(name, state)) {
-                std::fprintf(stderr, "%s:%zu: error: expected 'NAME up|down'\n",
-                             o.track_file.c_str(), n);
-                return 2;
-            }
-        }
-    }
-    std::size_t rib_routes = 0;
-    if (policy.uses_rib) {
-        const std::string rib = !o.rib_file.empty() ? o.rib_file : o.routes_file;
-        if (rib == "-" && o.rib_file.empty()) {
-            std::fprintf(
-                stderr,
-                "kela-policy: rib-has-route needs --rib when routes come from standard input\n");
-            return 2;
-        }
-        if (!load_rib(o, rib, rib_routes)) {
-            std::fprintf(stderr, "kela-policy: cannot read %s\n", rib.c_str());
-            return 1;
-        }
-    }
-
-    std::ifstream file;
-    std::istream *in = &std::cin;
-    if (o.routes_file != "-") {
-        if (!open_file(o.routes_file, file)) {
-            std::fprintf(stderr, "kela-policy: cannot read %s\n", o.routes_file.c_str());
-            return 1;
-        }
-        in = &file;
-    }
-    const bool json = o.format == "json";
-    const bool progress = !o.quiet && isatty(STDERR_FILENO) != 0;
-    std::size_t read = 0, accepted = 0, rejected = 0, malformed = 0, lineno = 0;
     std::string line;
+    if (o.json())
+        line = nlohmann::ordered_json{{"check",
+                                       {{"policy", o.policy_file},
+                                        {"rules", policy.rules.size()},
+                                        {"conditions", conditions},
+                                        {"actions", actions},
+                                        {"sets", policy.sets.size()},
+                                        {"warnings", policy.warnings.size()}}}}
+                   .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) +
+               "\n";
+    else
+        line = o.policy_file + ": ok: " + std::to_string(policy.rules.size()) + " rules, " +
+               std::to_string(conditions) + " conditions, " + std::to_string(actions) +
+               " actions\n";
+    return g_out.put(line) ? kOk : write_failed(rep);
+}
+
+int cmd_show(const Options &o, const Reporter &rep) {
+    kp::Policy policy;
+    if (int st = load_policy(o, rep, policy); st != 0) return st;
+    if (o.werror && !policy.warnings.empty()) return kPolicyError;
     std::string out;
-    while (std::getline(*in, line)) {
-        ++lineno;
-        if (skip_line(line)) continue;
-        kp::Route r;
-        kp::RouteError err;
-        if (!parse_line(o, line, r, err)) {
-            ++malformed;
-            // Column 0: the error is the line's as a whole.
-            const std::string at = err.column != 0 ? ":" + std::to_string(err.column) : "";
-            std::fprintf(stderr, "%s:%zu%s: error: %s\n", o.routes_file.c_str(), lineno,
-                         at.c_str(), printable(err.message).c_str());
-            if (o.strict) return 1;
+    for (const auto &s : policy.sets) {
+        out += std::string(s->prefixes ? "prefix-set " : "value-set ") + s->name + ": " +
+               std::to_string(s->items.size()) + (s->items.size() == 1 ? " entry" : " entries");
+        if (!s->file.empty()) out += " from " + s->file;
+        out += "\n";
+    }
+    for (const kp::Rule &r : policy.rules) {
+        out += "rule " + r.name + " (line " + std::to_string(r.line) + ")\n";
+        for (const kp::Condition &c : r.conditions) out += "  if " + c.text + "\n";
+        for (const kp::Action &a : r.actions) out += "  set " + a.text + "\n";
+        out += r.accept ? "  accept\n" : "  reject\n";
+    }
+    out += std::string("default ") + (policy.default_accept ? "accept" : "reject") + "\n";
+    return g_out.put(out) ? kOk : write_failed(rep);
+}
+
+// Everything after the policy is loaded: states, routing table, routes.
+int run_routes(const Options &o, const Reporter &rep, kp::Policy &policy,
+               const std::vector<std::string> *eval_lines) {
+    bool warned = false;
+    if (int st = set_tracks(o, rep, policy, warned); st != 0) return st;
+    if (o.werror && (warned || !policy.warnings.empty())) return kPolicyError;
+
+    kp::EngineOptions eo;
+    eo.explain = o.explain;
+    eo.set_hits = o.set_hits;
+    eo.json = o.json();
+    eo.routes = o.output == "routes";
+    eo.input = input_format(o.input);
+    kp::Engine engine(policy, eo);
+    Runner runner{o, rep, eo.input, &engine};
+    std::vector<kp::Counters> counters(std::max(1u, o.jobs), engine.counters());
+
+    // The routing table comes from --rib, or else from the routes
+    // themselves: they are then read once and kept until every route has
+    // been evaluated.
+    const bool rib_from_routes = policy.uses_rib && o.rib_file.empty();
+    if (policy.uses_rib && !o.rib_file.empty()) {
+        if (o.rib_file == "-" && o.routes_file == "-")
+            return rep.error("--rib and the routes cannot both be standard input", kPolicyError);
+        if (int st = load_rib_file(o, rep, eo.input, counters[0]); st != 0) return st;
+    }
+
+    kp::LineReader in;
+    std::deque<std::unique_ptr<Batch>> kept;
+    std::function<std::unique_ptr<Batch>()> next;
+    if (eval_lines != nullptr) {
+        // eval: the routes are the command's arguments.
+        auto b = std::make_unique<Batch>();
+        for (std::size_t i = 0; i < eval_lines->size(); ++i) {
+            b->lines.push_back({b->text.size(), (*eval_lines)[i].size(), i + 1});
+            b->text += (*eval_lines)[i];
+        }
+        kept.push_back(std::move(b));
+    } else {
+        if (!in.open(o.routes_file)) return rep.error(in.error(), kIoError);
+        if (rib_from_routes) {
+            for (;;) {
+                auto b = std::make_unique<Batch>();
+                if (!read_batch(in, *b)) break;
+                runner.parse(*b);
+                const bool stop = b->stopped;
+                kept.push_back(std::move(b));
+                if (stop) break;
+            }
+            if (!in.error().empty()) return rep.error(in.error(), kIoError);
+        } else {
+            next = [&]() -> std::unique_ptr<Batch> {
+                auto b = std::make_unique<Batch>();
+                return read_batch(in, *b) ? std::move(b) : nullptr;
+            };
+        }
+    }
+    if (!next) {
+        if (rib_from_routes || eval_lines != nullptr)
+            for (auto &b : kept) {
+                if (!b->parsed) runner.parse(*b);
+                for (std::size_t i = 0; i < b->lines.size(); ++i)
+                    if (b->state[i] == 1 && policy.uses_rib && o.rib_file.empty())
+                        add_to_rib(b->routes[i]);
+            }
+        next = [&]() -> std::unique_ptr<Batch> {
+            if (kept.empty()) return nullptr;
+            auto b = std::move(kept.front());
+            kept.pop_front();
+            return b;
+        };
+    }
+    bool stopped = false;
+    const int st = run_batches(o, runner, counters, next, stopped);
+    if (st == kIoError) return write_failed(rep);
+    if (!in.error().empty()) return rep.error(in.error(), kIoError);
+    if (stopped) return kMalformed;  // --strict: the first malformed line ends the run
+
+    kp::Counters total = engine.counters();
+    for (const kp::Counters &c : counters) total.merge(c);
+    if (total.multi_community != 0)
+        rep.emit("warning", o.routes_file, 0, 0,
+                 std::to_string(total.multi_community) +
+                     " routes carried more than one standard community; 'community' tests the "
+                     "first of each");
+    if (eval_lines == nullptr || o.json())
+        if (!g_out.put(engine.summary(total))) return write_failed(rep);
+    return total.malformed != 0 ? kMalformed : kOk;
+}
+
+int cmd_run(const Options &o, const Reporter &rep) {
+    kp::Policy policy;
+    if (int st = load_policy(o, rep, policy); st != 0) return st;
+    return run_routes(o, rep, policy, nullptr);
+}
+
+// eval: each argument is a route line, or a prefix (or address) alone.
+int cmd_eval(Options o, const Reporter &rep) {
+    kp::Policy policy;
+    if (int st = load_policy(o, rep, policy); st != 0) return st;
+    std::vector<std::string> lines;
+    for (const std::string &r : o.routes) {
+        const std::size_t first = r.find_first_not_of(" \t");
+        const bool bare = first != std::string::npos && r.find('=') == std::string::npos &&
+                          kp::line_format(r, kp::Format::Auto) == kp::Format::Text &&
+                          r.find(' ', first) == std::string::npos;
+        if (!bare) {
+            lines.push_back(r);
             continue;
         }
-        ++read;
-        if (o.parse_only) continue;
-        const Outcome oc = evaluate(policy, r, lineno, o.explain);
-        (oc.accept ? accepted : rejected) += 1;
-        static const std::string default_rule = "default";
-        const std::string &rule = oc.rule != nullptr ? oc.rule->name : default_rule;
-        // One buffer for every verdict line: it is written a million times
-        // in a large run.
-        out.clear();
-        if (json) {
-            out = "{\"line\":" + std::to_string(lineno) + ",\"route\":\"" +
-                  json_escape(kp::destination_text(r)) + "\",\"verdict\":\"" +
-                  (oc.accept ? "accept" : "reject") + "\",\"rule\":\"" + json_escape(rule) +
-                  "\",\"changes\":[";
-            for (std::size_t i = 0; i < oc.changes.size(); ++i)
-                out += std::string(i ? "," : "") + "{\"attribute\":\"" + oc.changes[i].first +
-                       "\",\"from\":\"" + json_escape(oc.changes[i].second.first) + "\",\"to\":\"" +
-                       json_escape(oc.changes[i].second.second) + "\"}";
-            out += "]";
-            if (o.explain) out += ",\"explain\":" + oc.explain_json;
-            out += "}\n";
-        } else {
-            kp::append_destination(out, r);
-            out += oc.accept ? " accept (rule " : " reject (rule ";
-            out += rule;
-            out += ')';
-            for (const auto &[name, change] : oc.changes)
-                out += " " + name + " " + change.first + " -> " + change.second;
-            out += "\n";
-            if (o.explain) out += oc.explain_text;
-        }
-        std::fwrite(out.data(), 1, out.size(), stdout);
-        if (progress && read % 65536 == 0) std::fprintf(stderr, "\rkela-policy: %zu routes", read);
+        std::string p = r.substr(first);
+        if (p.find('/') == std::string::npos) p += p.find(':') != std::string::npos ? "/128" : "/32";
+        lines.push_back("dest=" + p);
     }
-    if (progress && read >= 65536) std::fprintf(stderr, "\n");
-
-    if (json) {
-        std::string hits;
-        for (const kp::Rule &r : policy.rules)
-            hits += "\"" + json_escape(r.name) + "\":" + std::to_string(r.hits) + ",";
-        hits += "\"default\":" + std::to_string(policy.default_hits);
-        std::printf(
-            "{\"summary\":{\"routes\":%zu,\"accepted\":%zu,\"rejected\":%zu,\"malformed\":%zu,"
-            "\"hits\":{%s}}}\n",
-            read, accepted, rejected, malformed, hits.c_str());
-    } else {
-        std::string hits;
-        for (const kp::Rule &r : policy.rules) hits += " " + r.name + "=" + std::to_string(r.hits);
-        std::printf(
-            "summary: %zu routes, %zu accepted, %zu rejected, %zu malformed; hits:%s default=%zu\n",
-            read, accepted, rejected, malformed, hits.c_str(), policy.default_hits);
-    }
-    return 0;
+    o.routes_file = "(argument)";
+    return run_routes(o, rep, policy, &lines);
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
     Options o;
-    std::vector<std::string> positional;
-    for (int i = 1; i < argc; ++i) {
-        const std::string a = argv[i];
-        auto value = [&](std::string &into) {
-            if (i + 1 >= argc) return false;
-            into = argv[++i];
-            return true;
-        };
-        if (a == "--help" || a == "-h") {
-            std::fputs(kUsage, stdout);
-            return 0;
-        } else if (a == "--explain") {
-            o.explain = true;
-        } else if (a == "--strict") {
-            o.strict = true;
-        } else if (a == "--quiet") {
-            o.quiet = true;
-        } else if (a == "--parse-only") {
-            o.parse_only = true;
-        } else if (a == "--format") {
-            if (!value(o.format) || (o.format != "text" && o.format != "json"))
-                return usage_error("--format takes text or json");
-        } else if (a == "--input") {
-            if (!value(o.input) || (o.input != "auto" && o.input != "text" && o.input != "json"))
-                return usage_error("--input takes auto, text or json");
-        } else if (a == "--at") {
-            if (!value(o.location)) return usage_error("--at takes a location");
-        } else if (a == "--rib") {
-            if (!value(o.rib_file)) return usage_error("--rib takes a file");
-        } else if (a == "--track") {
-            std::string t;
-            if (!value(t)) return usage_error("--track takes NAME=up|down");
-            o.tracks.push_back(t);
-        } else if (a == "--track-file") {
-            if (!value(o.track_file)) return usage_error("--track-file takes a file");
-        } else if (a.size() > 1 && a[0] == '-' && a != "-") {
-            return usage_error("unknown option '" + a + "'");
-        } else {
-            positional.push_back(a);
-        }
+    CLI::App app{"kela-policy: run route policies built from the kela-shared attribute types",
+                 "kela-policy"};
+    app.set_version_flag("--version", std::string("kela-policy ") + KELA_VERSION);
+    app.require_subcommand(1);
+    app.footer(
+        "Exit status: 0 success; 1 a file that cannot be read or output that cannot be written;\n"
+        "2 a policy that does not compile, or a usage error; 3 malformed route lines.\n"
+        "See kela-policy(1) and docs/policy-language.md.");
+
+    auto policy_options = [&](CLI::App *cmd) {
+        cmd->add_option("POLICY", o.policy_file, "the policy file")->required();
+        cmd->add_option("--at", o.location, "attach point the policy runs at")
+            ->capture_default_str();
+        cmd->add_option("--format", o.format, "output (and message) format")
+            ->check(CLI::IsMember({"text", "json"}))
+            ->capture_default_str();
+        cmd->add_flag("--Werror", o.werror, "treat warnings as errors");
+    };
+    auto route_options = [&](CLI::App *cmd) {
+        cmd->add_option("--input", o.input, "route format (auto: by each line's look)")
+            ->check(CLI::IsMember({"auto", "text", "json", "bgpdump"}))
+            ->capture_default_str();
+        cmd->add_option("--rib", o.rib_file,
+                        "routing table for rib-has-route (default: the routes themselves)");
+        cmd->add_option("--track", o.tracks, "state of a tracked object, NAME=up|down")
+            ->take_all()
+            ->allow_extra_args(false);
+        cmd->add_option("--track-file", o.track_file, "lines 'NAME up|down'");
+    };
+
+    CLI::App *run = app.add_subcommand("run", "evaluate every route of ROUTES");
+    policy_options(run);
+    run->add_option("ROUTES", o.routes_file, "route file, pipe or FIFO; '-' standard input")
+        ->capture_default_str();
+    route_options(run);
+    run->add_flag("--explain", o.explain, "show every condition's outcome and matching entry");
+    run->add_flag("--strict", o.strict, "stop at the first malformed route line");
+    run->add_flag("--quiet", o.quiet, "no progress indicator");
+    run->add_flag("--parse-only", o.parse_only, "read and parse the routes, evaluate nothing");
+    run->add_flag("--set-hits", o.set_hits, "count the hits of every set entry");
+    run->add_option("--output", o.output,
+                    "verdicts, or the accepted routes in their input format")
+        ->check(CLI::IsMember({"verdicts", "routes"}))
+        ->capture_default_str();
+    run->add_option("--jobs,-j", o.jobs, "evaluate on N threads")
+        ->check(CLI::Range(1u, 256u))
+        ->capture_default_str();
+
+    CLI::App *check = app.add_subcommand("check", "compile POLICY only");
+    policy_options(check);
+
+    CLI::App *eval = app.add_subcommand("eval", "evaluate routes given on the command line");
+    policy_options(eval);
+    eval->add_option("ROUTE", o.routes, "a route line ('dest=10.1.0.0/16 metric=5') or a prefix")
+        ->required();
+    route_options(eval);
+
+    CLI::App *show = app.add_subcommand("show", "print the compiled policy: sets and rules");
+    policy_options(show);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp &e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp &e) {
+        return app.exit(e);
+    } catch (const CLI::CallForVersion &e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError &e) {
+        std::fprintf(stderr, "kela-policy: %s\nTry 'kela-policy --help'.\n", e.what());
+        return kPolicyError;
     }
-    if (positional.empty()) return usage_error("missing command (run or check)");
-    o.command = positional[0];
-    if (o.command == "run" && positional.size() == 3) {
-        o.policy_file = positional[1];
-        o.routes_file = positional[2];
-    } else if (o.command == "check" && positional.size() == 2) {
-        o.policy_file = positional[1];
-    } else {
-        return usage_error(o.command == "run" || o.command == "check"
-                               ? "wrong number of arguments"
-                               : "unknown command '" + o.command + "'");
-    }
-    const int rc = run(o);
-    std::fflush(stdout);
-    return rc;
+    Reporter rep{o.json()};
+    if (*eval) o.explain = !o.json() || o.explain;
+    if (*check) return cmd_check(o, rep);
+    if (*show) return cmd_show(o, rep);
+    if (*eval) return cmd_eval(o, rep);
+    return cmd_run(o, rep);
 }

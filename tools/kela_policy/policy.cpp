@@ -1,35 +1,69 @@
+// The kela-policy language: statements, named sets and list files, and the
+// compilation of each condition and action through the reference framework.
 #include "policy.hpp"
+
+#include <arpa/inet.h>
 
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
-#include <sstream>
+#include <iterator>
+#include <unordered_set>
 
+#include <nlohmann/json.hpp>
+
+#include "client.hpp"
+#include "kela_shared.h"
+#include "lines.hpp"
 #include "vog.h"
 
 namespace kp {
+
+std::string quote(const std::string &text) {
+    constexpr std::size_t kMax = 64;
+    if (text.size() <= kMax) return "'" + text + "'";
+    return "'" + text.substr(0, kMax) + "...' (" + std::to_string(text.size()) + " bytes)";
+}
 
 namespace {
 
 struct Token {
     std::string text;
-    std::size_t column;  // 1-based
+    std::size_t line = 0, column = 0;  // column 1-based
+    bool quoted = false;               // written in double quotes
+    bool newline = false;              // a line break inside braces
 };
 
-// Words, and the punctuation of value lists as tokens of their own.
-std::vector<Token> tokenize(const std::string &line) {
+const char *const kKeywords[] = {"rule",   "if",      "set",        "accept",
+                                 "reject", "default", "prefix-set", "value-set"};
+
+bool is_keyword(const Token &t) {
+    if (t.quoted || t.newline) return false;
+    for (const char *k : kKeywords)
+        if (t.text == k) return true;
+    return false;
+}
+
+// Words, quoted texts, and the punctuation of lists as tokens of their own.
+// `depth` carries the brace depth from line to line.
+std::vector<Token> tokenize(std::string_view line, std::size_t n, int &depth) {
     std::vector<Token> out;
     std::size_t at = 0;
-    int depth = 0;  // commas separate list entries only inside braces
     while (at < line.size()) {
         const char c = line[at];
         if (c == '#') break;
         if (std::isspace(static_cast<unsigned char>(c))) {
             ++at;
         } else if (c == '{' || c == '}' || (c == ',' && depth > 0)) {
-            depth += c == '{' ? 1 : c == '}' ? -1 : 0;
-            out.push_back({std::string(1, c), at + 1});
+            if (c == '{') ++depth;
+            if (c == '}' && depth > 0) --depth;
+            out.push_back({std::string(1, c), n, at + 1});
             ++at;
+        } else if (c == '"') {
+            const std::size_t end = line.find('"', at + 1);
+            const std::size_t stop = end == std::string_view::npos ? line.size() : end;
+            out.push_back({std::string(line.substr(at + 1, stop - at - 1)), n, at + 1, true});
+            at = stop + 1;
         } else {
             const std::size_t start = at;
             // (strchr would find a NUL byte of the text at the set's end)
@@ -37,7 +71,7 @@ std::vector<Token> tokenize(const std::string &line) {
                 at < line.size() && !std::isspace(static_cast<unsigned char>(line[at])) &&
                 (line[at] == '\0' || std::strchr(depth > 0 ? "{},#" : "{}#", line[at]) == nullptr))
                 ++at;
-            out.push_back({line.substr(start, at - start), start + 1});
+            out.push_back({std::string(line.substr(start, at - start)), n, start + 1});
         }
     }
     return out;
@@ -48,14 +82,30 @@ bool is_prefix_set_op(const std::string &op) {
            op == "async";
 }
 
+// A word that can only be a set's name (not an address, number or value).
+bool looks_like_name(const std::string &s) {
+    return !s.empty() && std::isalpha(static_cast<unsigned char>(s[0])) &&
+           s.find_first_of(".:/") == std::string::npos;
+}
+
+std::string join(const std::vector<Token> &t, std::size_t from, std::size_t to) {
+    std::string s;
+    for (std::size_t i = from; i < to && i < t.size(); ++i) {
+        if (t[i].newline) continue;
+        s += (s.empty() || t[i].text == "," ? "" : " ") + t[i].text;
+    }
+    return s;
+}
+
+PolicyError located(const Token &t, std::string m) { return {t.line, t.column, std::move(m), "", ""}; }
+
 // One prefix entry as the four texts the operators take: address, length
 // (or wildcard mask), ge, le.
 bool prefix_entry(const std::vector<Token> &t, std::vector<std::string> &out, PolicyError &err) {
     auto fail = [&](std::size_t i, const std::string &m) {
-        err = {0, i < t.size() ? t[i].column : (t.empty() ? 0 : t.back().column), m};
+        err = located(t[std::min(i, t.size() - 1)], m);
         return false;
     };
-    if (t.empty()) return fail(0, "expected a prefix");
     std::string addr, len, ge, le;
     std::size_t i = 1;
     const std::size_t slash = t[0].text.find('/');
@@ -74,12 +124,14 @@ bool prefix_entry(const std::vector<Token> &t, std::vector<std::string> &out, Po
         le = max;
         mask = true;
         i = 3;
+    } else if (looks_like_name(t[0].text) && t.size() == 1) {
+        return fail(0, "unknown prefix set " + quote(t[0].text));
     } else {
-        return fail(0, "expected A/L or 'A mask M', found '" + t[0].text + "'");
+        return fail(0, "expected A/L or 'A mask M', found " + quote(t[0].text));
     }
     bool saw_ge = false, saw_le = false;
     for (; i < t.size(); i += 2) {
-        if (i + 1 >= t.size()) return fail(i, "'" + t[i].text + "' needs a value");
+        if (i + 1 >= t.size()) return fail(i, quote(t[i].text) + " needs a value");
         const std::string &w = t[i].text, &v = t[i + 1].text;
         if (w == "ge") {
             ge = v;
@@ -91,7 +143,7 @@ bool prefix_entry(const std::vector<Token> &t, std::vector<std::string> &out, Po
             ge = le = v;
             saw_ge = saw_le = true;
         } else {
-            return fail(i, "expected ge, le or eq, found '" + w + "'");
+            return fail(i, "expected ge, le or eq, found " + quote(w));
         }
     }
     if (saw_ge && !saw_le && !mask) le = max;  // "ge G": from G to the end
@@ -99,21 +151,51 @@ bool prefix_entry(const std::vector<Token> &t, std::vector<std::string> &out, Po
     return true;
 }
 
-// Splits "{ a, b c, d }" (or a single item without braces) into items.
+// Host bits in a length-form entry: the entry then matches no route, which
+// the library accepts without a word.
+void check_host_bits(const std::vector<std::string> &entry, const Where &w,
+                     std::vector<Diagnostic> &warnings) {
+    unsigned char a[16];
+    const bool v6 = entry[0].find(':') != std::string::npos;
+    if (entry[1].find_first_not_of("0123456789") != std::string::npos || entry[1].size() > 3 ||
+        inet_pton(v6 ? AF_INET6 : AF_INET, entry[0].c_str(), a) != 1)
+        return;
+    const unsigned len = static_cast<unsigned>(std::stoul(entry[1])), bits = v6 ? 128 : 32;
+    if (len >= bits) return;
+    bool host = false;
+    unsigned char net[16];
+    std::memcpy(net, a, sizeof net);
+    for (unsigned b = len; b < bits; ++b) {
+        const unsigned char bit = static_cast<unsigned char>(0x80u >> (b % 8));
+        host = host || (a[b / 8] & bit) != 0;
+        net[b / 8] = static_cast<unsigned char>(net[b / 8] & ~bit);
+    }
+    if (!host) return;
+    char text[64];
+    inet_ntop(v6 ? AF_INET6 : AF_INET, net, text, sizeof text);
+    warnings.push_back({w, quote(entry[0] + "/" + entry[1]) + " has host bits set and matches no route",
+                        "did you mean " + std::string(text) + "/" + entry[1] + "?"});
+}
+
+// Splits "{ a, b c, d }" (or a single item without braces) into items;
+// inside braces a line break separates entries too.
 bool split_items(const std::vector<Token> &t, std::size_t from,
                  std::vector<std::vector<Token>> &items, PolicyError &err) {
     items.clear();
     if (from >= t.size()) return true;
-    if (t[from].text != "{") {
+    if (t[from].text != "{" || t[from].quoted) {
         items.emplace_back(t.begin() + static_cast<long>(from), t.end());
         return true;
     }
     std::vector<Token> cur;
     std::size_t i = from + 1;
-    for (; i < t.size() && t[i].text != "}"; ++i) {
-        if (t[i].text == ",") {
+    for (; i < t.size() && (t[i].text != "}" || t[i].quoted); ++i) {
+        if (t[i].newline) {
+            if (!cur.empty()) items.push_back(std::move(cur));
+            cur.clear();
+        } else if (t[i].text == "," && !t[i].quoted) {
             if (cur.empty()) {
-                err = {0, t[i].column, "empty list entry"};
+                err = located(t[i], "empty list entry");
                 return false;
             }
             items.push_back(std::move(cur));
@@ -123,72 +205,469 @@ bool split_items(const std::vector<Token> &t, std::size_t from,
         }
     }
     if (i >= t.size()) {
-        err = {0, t.back().column, "missing '}'"};
+        err = located(t[from], "'{' is not closed (missing '}')");
         return false;
     }
-    if (cur.empty() && !items.empty()) {
-        err = {0, t[i - 1].column, "empty list entry"};
+    std::size_t last = i - 1;
+    while (last > from && t[last].newline) --last;
+    if (cur.empty() && !items.empty() && t[last].text == ",") {
+        err = located(t[last], "empty list entry");
         return false;
     }
     if (!cur.empty()) items.push_back(std::move(cur));
     if (i + 1 != t.size()) {
-        err = {0, t[i + 1].column, "unexpected '" + t[i + 1].text + "' after '}'"};
+        err = located(t[i + 1], "unexpected " + quote(t[i + 1].text) + " after '}'");
         return false;
     }
     if (items.empty()) {
-        err = {0, t[from].column, "empty list"};
+        err = located(t[from], "empty list");
         return false;
     }
     return true;
 }
 
-std::string join(const std::vector<Token> &t, std::size_t from) {
-    std::string s;
-    for (std::size_t i = from; i < t.size(); ++i)
-        s += (i > from && t[i].text != "," ? " " : "") + t[i].text;
-    return s;
+// Parses the entries of a list written in the policy into `list`.
+bool list_entries(const std::vector<std::vector<Token>> &items, Policy &policy,
+                  ValueList &list, PolicyError &err) {
+    for (const auto &item : items) {
+        // A set's name stands for its entries.
+        if (item.size() == 1 && !item[0].quoted) {
+            const auto hit = policy.set_index.find(item[0].text);
+            if (hit != policy.set_index.end()) {
+                const ValueList &s = *policy.sets[hit->second];
+                if (s.prefixes != list.prefixes) {
+                    err = located(item[0], quote(s.name) + " is a " +
+                                               (s.prefixes ? "prefix-set" : "value-set") +
+                                               "; a " + (list.prefixes ? "prefix" : "value") +
+                                               " list is expected here");
+                    return false;
+                }
+                list.items.insert(list.items.end(), s.items.begin(), s.items.end());
+                list.shown.insert(list.shown.end(), s.shown.begin(), s.shown.end());
+                list.where.insert(list.where.end(), s.where.begin(), s.where.end());
+                continue;
+            }
+        }
+        const Where w{"", item[0].line, item[0].column};
+        if (list.prefixes) {
+            std::vector<std::string> entry;
+            if (!prefix_entry(item, entry, err)) return false;
+            check_host_bits(entry, w, policy.warnings);
+            list.items.push_back(std::move(entry));
+        } else {
+            if (item.size() != 1) {
+                err = located(item[1], "one value per entry, found " + quote(item[1].text));
+                return false;
+            }
+            list.items.push_back({item[0].text});
+        }
+        list.shown.push_back(join(item, 0, item.size()));
+        list.where.push_back(w);
+    }
+    return true;
+}
+
+// Line and column of a byte offset of `text`.
+Where where_in(const std::string &file, const std::string &text, std::size_t offset) {
+    Where w{file, 1, 1};
+    for (std::size_t i = 0; i < offset && i < text.size(); ++i) {
+        if (text[i] == '\n') {
+            ++w.line;
+            w.column = 1;
+        } else {
+            ++w.column;
+        }
+    }
+    return w;
+}
+
+// The input iterator of the JSON reader reports how far it has read, so
+// that an entry's place in the file is known.
+struct TrackingIter {
+    using iterator_category = std::input_iterator_tag;
+    using value_type = char;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const char *;
+    using reference = const char &;
+    const char *p;
+    const char **at;
+    reference operator*() const { return *p; }
+    TrackingIter &operator++() {
+        *at = ++p;
+        return *this;
+    }
+    TrackingIter operator++(int) {
+        TrackingIter t = *this;
+        ++*this;
+        return t;
+    }
+    bool operator==(const TrackingIter &o) const { return p == o.p; }
+    bool operator!=(const TrackingIter &o) const { return p != o.p; }
+};
+
+// A list file in JSON: `bgpq4 -j` output ({"NAME": [{"prefix": "10.0.0.0/8",
+// "exact": false, "less-equal": 24}, ...]}), or an array of entries; an
+// entry may also be a string written as in the policy, or a number.
+bool json_list(const std::string &file, const std::string &text, ValueList &list,
+               PolicyError &err) {
+    using nlohmann::json;
+    const char *at = text.data();
+    // The start of each value at each depth, in document order.
+    std::vector<std::pair<int, std::size_t>> starts;
+    json::parser_callback_t cb = [&](int depth, json::parse_event_t ev, json &) {
+        if (ev == json::parse_event_t::object_start || ev == json::parse_event_t::array_start)
+            starts.emplace_back(depth, static_cast<std::size_t>(at - text.data()) - 1);
+        else if (ev == json::parse_event_t::value)
+            starts.emplace_back(depth, static_cast<std::size_t>(at - text.data()));
+        return true;
+    };
+    json doc;
+    auto fail_at = [&](std::size_t offset, const std::string &m) {
+        const Where w = where_in(file, text, offset);
+        err = {w.line, w.column, m, file, ""};
+        return false;
+    };
+    try {
+        doc = json::parse(TrackingIter{text.data(), &at},
+                          TrackingIter{text.data() + text.size(), &at}, cb);
+    } catch (const json::parse_error &e) {
+        return fail_at(e.byte > 0 ? e.byte - 1 : 0, json_error_text(e.what()));
+    }
+    int depth = 1;
+    const json *entries = &doc;
+    if (doc.is_object()) {
+        if (doc.size() != 1 || !doc.begin()->is_array())
+            return fail_at(0, "expected an array of entries, or an object with one array");
+        entries = &*doc.begin();
+        depth = 2;
+    }
+    if (!entries->is_array()) return fail_at(0, "expected an array of entries");
+    // Entry i starts at the i-th start recorded at the entries' depth.
+    std::vector<std::size_t> offsets;
+    for (const auto &[d, off] : starts)
+        if (d == depth) offsets.push_back(off);
+    std::size_t i = 0;
+    for (const json &e : *entries) {
+        const std::size_t off = i < offsets.size() ? offsets[i] : 0;
+        ++i;
+        const Where w = where_in(file, text, off);
+        std::vector<Token> words;
+        auto word = [&](std::string s) { words.push_back({std::move(s), w.line, w.column}); };
+        if (e.is_string()) {
+            int d = 0;
+            words = tokenize(e.get<std::string>(), w.line, d);
+            for (Token &t : words) t.column = w.column;
+        } else if (e.is_number_unsigned()) {
+            word(std::to_string(e.get<std::uint64_t>()));
+        } else if (e.is_number()) {
+            word(e.dump());
+        } else if (e.is_object() && list.prefixes) {
+            const auto p = e.find("prefix");
+            if (p == e.end() || !p->is_string())
+                return fail_at(off, "expected an entry with a \"prefix\" string");
+            word(p->get<std::string>());
+            const bool exact = e.value("exact", false);
+            for (const auto &[key, name] :
+                 {std::pair{"greater-equal", "ge"}, std::pair{"less-equal", "le"}}) {
+                const auto v = e.find(key);
+                if (v == e.end() || exact) continue;
+                if (!v->is_number_unsigned())
+                    return fail_at(off, std::string("\"") + key + "\" must be a number");
+                word(name);
+                word(std::to_string(v->get<std::uint64_t>()));
+            }
+        } else {
+            return fail_at(off, list.prefixes ? "expected a prefix entry (object or string)"
+                                              : "expected a value (number or string)");
+        }
+        if (words.empty()) return fail_at(off, "empty entry");
+        PolicyError perr;
+        if (list.prefixes) {
+            std::vector<std::string> entry;
+            if (!prefix_entry(words, entry, perr)) return fail_at(off, perr.message);
+            list.items.push_back(std::move(entry));
+        } else {
+            if (words.size() != 1) return fail_at(off, "one value per entry");
+            list.items.push_back({words[0].text});
+        }
+        list.shown.push_back(join(words, 0, words.size()));
+        list.where.push_back(w);
+    }
+    return true;
+}
+
+// A plain list file: one entry per line ("10.0.0.0/8 le 24", a value), '#'
+// comments; the prefix-list lines that IRR tools print ("ip prefix-list
+// NAME [seq N] permit 10.0.0.0/8 le 24") are read too.
+bool plain_list(const std::string &file, const std::string &text, ValueList &list,
+                PolicyError &err) {
+    bool ok = true;
+    for_each_line(text, [&](std::string_view line, std::size_t n) {
+        int depth = 1;  // commas separate values, as inside braces
+        std::vector<Token> t = tokenize(line, n, depth);
+        std::size_t from = 0;
+        if (t.size() >= 2 && (t[0].text == "ip" || t[0].text == "ipv6") &&
+            t[1].text == "prefix-list") {
+            from = 3;
+            if (from < t.size() && t[from].text == "seq") from += 2;
+            if (from >= t.size()) return true;  // "no ip prefix-list NAME" and the like
+            if (t[from].text != "permit") {
+                err = located(t[from], "only 'permit' entries can be read, found " +
+                                           quote(t[from].text));
+                err.file = file;
+                return ok = false;
+            }
+            ++from;
+        } else if (!t.empty() && t[0].text == "no") {
+            return true;
+        }
+        t.erase(t.begin(), t.begin() + static_cast<long>(std::min(from, t.size())));
+        if (t.empty()) return true;
+        if (list.prefixes) {
+            std::vector<std::string> entry;
+            if (!prefix_entry(t, entry, err)) {
+                err.file = file;
+                return ok = false;
+            }
+            list.items.push_back(std::move(entry));
+            list.shown.push_back(join(t, 0, t.size()));
+            list.where.push_back({file, n, t[0].column});
+        } else {
+            for (const Token &w : t) {
+                if (w.text == ",") continue;
+                list.items.push_back({w.text});
+                list.shown.push_back(w.text);
+                list.where.push_back({file, n, w.column});
+            }
+        }
+        return true;
+    });
+    return ok;
+}
+
+class Parser {
+public:
+    Parser(Policy &p, PolicyError &e, const ParseOptions &o) : policy_(p), err_(e), opts_(o) {}
+
+    bool statement(const std::vector<Token> &t);
+    bool finish();
+
+private:
+    bool fail(const Token &t, const std::string &m) {
+        err_ = located(t, m);
+        return false;
+    }
+    bool set_definition(const std::vector<Token> &t);
+    bool condition(const std::vector<Token> &t);
+    bool condition_items(const std::vector<Token> &t, Condition &c);
+
+    Policy &policy_;
+    PolicyError &err_;
+    const ParseOptions &opts_;
+    Rule *open_ = nullptr;
+    std::size_t default_line_ = 0;
+    std::unordered_set<std::string> rule_names_;
+    std::unordered_set<std::string> track_names_;
+};
+
+bool Parser::set_definition(const std::vector<Token> &t) {
+    const bool prefixes = t[0].text == "prefix-set";
+    if (open_ != nullptr)
+        return fail(t[0], "rule '" + open_->name + "' has no verdict (accept or reject)");
+    if (t.size() < 3)
+        return fail(t[0], "expected: " + t[0].text + " NAME { ENTRIES } or " + t[0].text +
+                              " NAME from \"FILE\"");
+    const std::string &name = t[1].text;
+    if (!looks_like_name(name) || t[1].quoted)
+        return fail(t[1], "a set's name starts with a letter and has no '.', ':' or '/'");
+    if (const auto hit = policy_.set_index.find(name); hit != policy_.set_index.end())
+        return fail(t[1], "set " + quote(name) + " is defined twice (first at line " +
+                              std::to_string(policy_.sets[hit->second]->defined.line) + ")");
+    auto list = std::make_shared<ValueList>();
+    list->name = name;
+    list->prefixes = prefixes;
+    list->defined = {"", t[0].line, t[0].column};
+    if (t[2].text == "from" && !t[2].quoted) {
+        if (t.size() != 4) return fail(t.size() > 4 ? t[4] : t[2], "expected: from \"FILE\"");
+        if (!opts_.load) return fail(t[3], "list files cannot be read here");
+        std::string path = t[3].text;
+        if (!path.empty() && path[0] != '/' && !opts_.base_dir.empty())
+            path = opts_.base_dir + "/" + path;
+        std::string text, error;
+        if (!opts_.load(path, text, error)) return fail(t[3], error);
+        list->file = path;
+        const std::size_t first = text.find_first_not_of(" \t\r\n");
+        const bool json = first != std::string::npos && (text[first] == '{' || text[first] == '[');
+        if (!(json ? json_list(path, text, *list, err_) : plain_list(path, text, *list, err_)))
+            return false;
+        if (list->items.empty()) return fail(t[3], "the list file " + quote(path) + " has no entries");
+    } else {
+        if (t[2].text != "{" || t[2].quoted) return fail(t[2], "expected '{' or 'from'");
+        std::vector<std::vector<Token>> items;
+        if (!split_items(t, 2, items, err_) || !list_entries(items, policy_, *list, err_))
+            return false;
+    }
+    if (!list->file.empty() && prefixes)
+        for (std::size_t i = 0; i < list->items.size(); ++i)
+            check_host_bits(list->items[i], list->where[i], policy_.warnings);
+    policy_.set_index.emplace(name, policy_.sets.size());
+    policy_.sets.push_back(std::move(list));
+    return true;
 }
 
 // The parameter items of a condition, shaped after the argument-type list
 // the framework holds for the operator.
-bool condition_items(const std::vector<Token> &t, std::size_t from, const std::string &attr,
-                     const std::string &op, std::vector<std::vector<std::string>> &out,
-                     PolicyError &err) {
-    out.clear();
-    rasf_attr_t *a = kref_attr_find(attr.c_str());
-    if (a == nullptr) {
-        err = {0, t[1].column, "unknown attribute '" + attr + "'"};
-        return false;
-    }
+bool Parser::condition_items(const std::vector<Token> &t, Condition &c) {
+    rasf_attr_t *a = kref_attr_find(c.attr.c_str());
+    if (a == nullptr) return fail(t[1], "unknown attribute " + quote(c.attr));
     kref_op_info_t info{};
-    if (kref_attr_op(a, KREF_CMP, op.c_str(), &info) != 0) {
-        err = {0, t[2].column, "attribute '" + attr + "' has no operator '" + op + "'"};
-        return false;
-    }
+    if (kref_attr_op(a, KREF_CMP, c.op.c_str(), &info) != 0)
+        return fail(t[2], "attribute " + quote(c.attr) + " has no operator " + quote(c.op));
     kref_arg_info_t first{};
     const bool open = kref_args_count(info.args) > 0 && kref_args_at(info.args, 0, &first) == 0 &&
                       first.kind == KREF_ARG_INFINITE;
     const std::size_t singles = open ? 0 : kref_args_count(info.args);
     std::vector<std::vector<Token>> items;
-    if (!split_items(t, from, items, err)) return false;
-    if (open && is_prefix_set_op(op)) {
-        for (const auto &item : items) {
-            std::vector<std::string> entry;
-            if (!prefix_entry(item, entry, err)) return false;
-            out.push_back(entry);
+    if (!split_items(t, 3, items, err_)) return false;
+    if (open && !items.empty()) {
+        // A set named alone is shared, not copied.
+        if (items.size() == 1 && items[0].size() == 1 && t[3].text != "{" && !t[3].quoted) {
+            const auto hit = policy_.set_index.find(items[0][0].text);
+            if (hit != policy_.set_index.end() &&
+                policy_.sets[hit->second]->prefixes == is_prefix_set_op(c.op)) {
+                c.list = policy_.sets[hit->second];
+                return true;
+            }
         }
-    } else if (singles == 4 && op == "pfxmatch") {
+        auto list = std::make_shared<ValueList>();
+        list->prefixes = is_prefix_set_op(c.op);
+        list->defined = {"", t[0].line, t[0].column};
+        if (!list_entries(items, policy_, *list, err_)) return false;
+        c.list = std::move(list);
+    } else if (singles == 4 && c.op == "pfxmatch") {
         // Four constants written as one prefix entry.
-        if (items.size() != 1) {
-            err = {0, from < t.size() ? t[from].column : 0, "'" + op + "' takes one prefix entry"};
-            return false;
-        }
+        if (items.size() != 1)
+            return fail(t[std::min<std::size_t>(3, t.size() - 1)],
+                        quote(c.op) + " takes one prefix entry");
         std::vector<std::string> entry;
-        if (!prefix_entry(items[0], entry, err)) return false;
-        for (auto &text : entry) out.push_back({text});
+        if (!prefix_entry(items[0], entry, err_)) return false;
+        for (auto &text : entry) c.items.push_back({text});
     } else {
         for (const auto &item : items)
-            for (const Token &w : item) out.push_back({w.text});
+            for (const Token &w : item) c.items.push_back({w.text});
+    }
+    return true;
+}
+
+bool Parser::condition(const std::vector<Token> &t) {
+    if (open_ == nullptr) return fail(t[0], "'if' outside a rule");
+    if (t.size() < 3) return fail(t[0], "expected: if ATTRIBUTE OPERATOR [PARAMETERS]");
+    Condition c;
+    c.line = t[0].line;
+    c.column = t[0].column;
+    c.attr = t[1].text;
+    c.text = join(t, 1, t.size());
+    if (c.attr == "track") {
+        // if track NAME is STATE
+        if (t.size() != 5 || t[3].text != "is")
+            return fail(t[1], "expected: if track NAME is up|down");
+        c.op = "is";
+        c.items = {{"track"}, {t[2].text}, {t[4].text}};
+        if (track_names_.insert(t[2].text).second)
+            policy_.tracks.push_back({t[2].text, {"", t[2].line, t[2].column}});
+    } else {
+        c.op = t[2].text;
+        if (!condition_items(t, c)) return false;
+        if (c.attr == "rib-has-route") policy_.uses_rib = true;
+        // A long list is shown by its size, not its entries.
+        constexpr std::size_t kShown = 8;
+        if (c.list && c.list->name.empty() && c.list->items.size() > kShown) {
+            c.text = c.attr + " " + c.op + " {";
+            for (std::size_t i = 0; i < 3; ++i) c.text += " " + c.list->shown[i] + ",";
+            c.text += " ... } (" + std::to_string(c.list->items.size()) + " entries)";
+        } else if (c.list && !c.list->name.empty()) {
+            c.text += " (" + std::to_string(c.list->items.size()) + " entries)";
+        }
+    }
+    open_->conditions.push_back(std::move(c));
+    return true;
+}
+
+bool Parser::statement(const std::vector<Token> &t) {
+    const std::string &kw = t[0].text;
+    if (t[0].quoted) return fail(t[0], "expected a statement, found " + quote(kw));
+    if (kw == "rule") {
+        if (open_ != nullptr)
+            return fail(t[0], "rule '" + open_->name + "' has no verdict (accept or reject)");
+        if (default_line_ != 0) return fail(t[0], "rules must come before 'default'");
+        if (t.size() < 2) return fail(t[0], "a rule needs a name");
+        std::string name = t[1].text;
+        if (!name.empty() && name.back() == ':') name.pop_back();
+        if (t.size() > 2 && !(t.size() == 3 && t[2].text == ":"))
+            return fail(t[2], "unexpected " + quote(t[2].text));
+        if (!rule_names_.insert(name).second)
+            return fail(t[1], "rule " + quote(name) + " is defined twice");
+        policy_.rules.push_back(Rule{});
+        open_ = &policy_.rules.back();
+        open_->name = name;
+        open_->line = t[0].line;
+    } else if (kw == "prefix-set" || kw == "value-set") {
+        return set_definition(t);
+    } else if (kw == "if") {
+        return condition(t);
+    } else if (kw == "set") {
+        if (open_ == nullptr) return fail(t[0], "'set' outside a rule");
+        if (t.size() < 3) return fail(t[0], "expected: set ATTRIBUTE [assign] VALUE");
+        Action a;
+        a.line = t[0].line;
+        a.column = t[0].column;
+        a.attr = t[1].text;
+        a.setter = "assign";
+        std::size_t v = 2;
+        if (t[2].text == "assign") ++v;
+        if (v + 1 != t.size())
+            return fail(v < t.size() ? t[v] : t.back(), "expected one value");
+        if (kref_attr_find(a.attr.c_str()) == nullptr)
+            return fail(t[1], "unknown attribute " + quote(a.attr));
+        a.items = {{t[v].text}};
+        a.text = join(t, 1, t.size());
+        // A next hop is an address anyway; a destination becomes a host route.
+        if (a.attr == "destination" && t[v].text.find('/') == std::string::npos)
+            policy_.warnings.push_back(
+                {{"", t[v].line, t[v].column},
+                 "'set " + a.attr + " " + t[v].text + "' gives the route the host prefix " +
+                     t[v].text + (t[v].text.find(':') != std::string::npos ? "/128" : "/32"),
+                 "the setter takes an address, not a prefix"});
+        open_->actions.push_back(std::move(a));
+    } else if (kw == "accept" || kw == "reject") {
+        if (open_ == nullptr) return fail(t[0], "'" + kw + "' outside a rule");
+        if (t.size() > 1) return fail(t[1], "unexpected " + quote(t[1].text));
+        open_->accept = kw == "accept";
+        open_ = nullptr;
+    } else if (kw == "default") {
+        if (open_ != nullptr)
+            return fail(t[0], "rule '" + open_->name + "' has no verdict (accept or reject)");
+        if (t.size() != 2 || (t[1].text != "accept" && t[1].text != "reject"))
+            return fail(t[0], "expected: default accept|reject");
+        if (default_line_ != 0)
+            policy_.warnings.push_back({{"", t[0].line, t[0].column},
+                                        "a second 'default' replaces the one at line " +
+                                            std::to_string(default_line_),
+                                        ""});
+        policy_.default_accept = t[1].text == "accept";
+        default_line_ = t[0].line;
+    } else {
+        return fail(t[0], "expected rule, if, set, accept, reject, default, prefix-set or "
+                          "value-set; found " +
+                              quote(kw));
+    }
+    return true;
+}
+
+bool Parser::finish() {
+    if (open_ != nullptr) {
+        err_ = {open_->line, 1, "rule '" + open_->name + "' has no verdict (accept or reject)", "", ""};
+        return false;
     }
     return true;
 }
@@ -202,105 +681,114 @@ Policy::~Policy() {
     }
 }
 
-bool parse_policy(const std::string &text, Policy &policy, PolicyError &err) {
-    std::istringstream in(text);
-    std::string line;
-    std::size_t n = 0;
-    Rule *open = nullptr;
-    bool saw_default = false;
-    auto fail = [&](std::size_t col, const std::string &m) {
-        err = {n, col, m};
-        return false;
-    };
-    while (std::getline(in, line)) {
-        ++n;
-        const std::vector<Token> t = tokenize(line);
-        if (t.empty()) continue;
-        const std::string &kw = t[0].text;
-        if (kw == "rule") {
-            if (open != nullptr)
-                return fail(t[0].column,
-                            "rule '" + open->name + "' has no verdict (accept or reject)");
-            if (saw_default) return fail(t[0].column, "rules must come before 'default'");
-            if (t.size() < 2) return fail(t[0].column, "a rule needs a name");
-            std::string name = t[1].text;
-            if (!name.empty() && name.back() == ':') name.pop_back();
-            if (t.size() > 2 && !(t.size() == 3 && t[2].text == ":"))
-                return fail(t[2].column, "unexpected '" + t[2].text + "'");
-            for (const Rule &r : policy.rules)
-                if (r.name == name)
-                    return fail(t[1].column, "rule '" + name + "' is defined twice");
-            policy.rules.push_back(Rule{});
-            open = &policy.rules.back();
-            open->name = name;
-            open->line = n;
-        } else if (kw == "if") {
-            if (open == nullptr) return fail(t[0].column, "'if' outside a rule");
-            if (t.size() < 3)
-                return fail(t[0].column, "expected: if ATTRIBUTE OPERATOR [PARAMETERS]");
-            Condition c;
-            c.line = n;
-            c.column = t[0].column;
-            c.attr = t[1].text;
-            c.text = join(t, 1);
-            if (c.attr == "track") {
-                // if track NAME is STATE
-                if (t.size() != 5 || t[3].text != "is")
-                    return fail(t[1].column, "expected: if track NAME is up|down");
-                c.op = "is";
-                c.items = {{"track"}, {t[2].text}, {t[4].text}};
-            } else {
-                c.op = t[2].text;
-                if (!condition_items(t, 3, c.attr, c.op, c.items, err)) {
-                    err.line = n;
-                    return false;
-                }
-                if (c.attr == "rib-has-route") policy.uses_rib = true;
+bool parse_policy(const std::string &text, Policy &policy, PolicyError &err,
+                  const ParseOptions &options) {
+    Parser parser(policy, err, options);
+    std::vector<Token> stmt;
+    int depth = 0;
+    std::size_t open_at = 0;  // the token that opened the list being read
+    bool ok = true;
+    for_each_line(text, [&](std::string_view line, std::size_t n) {
+        const bool continuing = depth > 0;
+        std::vector<Token> t = tokenize(line, n, depth);
+        if (continuing) {
+            // A statement keyword inside a list: its '}' was forgotten.
+            if (!t.empty() && is_keyword(t[0])) {
+                err = located(stmt[open_at], "'{' is not closed (missing '}')");
+                return ok = false;
             }
-            open->conditions.push_back(std::move(c));
-        } else if (kw == "set") {
-            if (open == nullptr) return fail(t[0].column, "'set' outside a rule");
-            if (t.size() < 3) return fail(t[0].column, "expected: set ATTRIBUTE [assign] VALUE");
-            Action a;
-            a.line = n;
-            a.column = t[0].column;
-            a.attr = t[1].text;
-            a.setter = "assign";
-            std::size_t v = 2;
-            if (t[2].text == "assign") ++v;
-            if (v + 1 != t.size())
-                return fail(v < t.size() ? t[v].column : t.back().column, "expected one value");
-            if (kref_attr_find(a.attr.c_str()) == nullptr)
-                return fail(t[1].column, "unknown attribute '" + a.attr + "'");
-            a.items = {{t[v].text}};
-            a.text = join(t, 1);
-            open->actions.push_back(std::move(a));
-        } else if (kw == "accept" || kw == "reject") {
-            if (open == nullptr) return fail(t[0].column, "'" + kw + "' outside a rule");
-            if (t.size() > 1) return fail(t[1].column, "unexpected '" + t[1].text + "'");
-            open->accept = kw == "accept";
-            open = nullptr;
-        } else if (kw == "default") {
-            if (open != nullptr)
-                return fail(t[0].column,
-                            "rule '" + open->name + "' has no verdict (accept or reject)");
-            if (t.size() != 2 || (t[1].text != "accept" && t[1].text != "reject"))
-                return fail(t[0].column, "expected: default accept|reject");
-            policy.default_accept = t[1].text == "accept";
-            saw_default = true;
+            Token nl;
+            nl.newline = true;
+            nl.line = n;
+            stmt.push_back(nl);
+            stmt.insert(stmt.end(), std::make_move_iterator(t.begin()),
+                        std::make_move_iterator(t.end()));
         } else {
-            return fail(t[0].column,
-                        "expected rule, if, set, accept, reject or default; found '" + kw + "'");
+            stmt = std::move(t);
         }
-    }
-    if (open != nullptr) {
-        err = {open->line, 1, "rule '" + open->name + "' has no verdict (accept or reject)"};
+        if (depth > 0 && !continuing)
+            for (std::size_t i = 0; i < stmt.size(); ++i)
+                if (stmt[i].text == "{" && !stmt[i].quoted) {
+                    open_at = i;
+                    break;
+                }
+        if (depth > 0 || stmt.empty()) return true;
+        ok = parser.statement(stmt);
+        stmt.clear();
+        return ok;
+    });
+    if (!ok) return false;
+    if (depth > 0) {
+        err = located(stmt[open_at], "'{' is not closed (missing '}')");
         return false;
     }
-    return true;
+    return parser.finish();
 }
 
 namespace {
+
+// A plain-language explanation of a verifier's message, beside the
+// library's own text.
+std::string plain_note(const std::string &attr, const std::string &op, const std::string &msg,
+                       vogno st, const char *location) {
+    auto has = [&](const char *s) { return msg.find(s) != std::string::npos; };
+    if (st == KREF_ERR_LOCATION)
+        return quote(attr) + " cannot be used at '" + location + "' (see --at)";
+    if (op == "assign" && (attr == "destination" || attr == "nexthop"))
+        return "'set " + attr + "' takes an address without a length";
+    if (has("Type not supported at this attachpoint") || (msg.empty() && st == KEL_SHARED_ERR_BAD_VALUE)) {
+        if (attr == "community") return "a community is AS:N, both numbers from 0 to 65535";
+        if (attr == "origin") return "origin is igp, egp or incomplete";
+        if (attr == "flags")
+            return "flags are blackhole, no-export, no-advertise, graceful-shutdown, joined by ','";
+        if (integer_bits(attr) != 0) return quote(attr) + " takes whole decimal numbers";
+        return "a value is not one that " + quote(attr) + " accepts";
+    }
+    if (has("Must be a number")) return quote(attr) + " takes a whole decimal number";
+    if (has("Requires exactly one parameter")) return quote(op) + " takes exactly one value";
+    if (has("Bits set outside of mask"))
+        return "the address has bits set beyond the prefix length; write the network address";
+    if (has("Invalid prefix match parameters"))
+        return "an entry needs length <= ge <= le <= 32 (128 for IPv6)";
+    if (has("does not support gaps"))
+        return "'in' takes entries whose range starts at their own length (A/L or A/L le N)";
+    if (has("does not support prefix ranges")) return "'async' takes exact prefixes only (A/L)";
+    if (has("length of track name")) return "a tracked object's name has at most 32 characters";
+    if (has("wrong track status")) return "the state is 'up' or 'down', in lower case";
+    if (st == KEL_SHARED_ERR_BAD_VALUE)
+        return "the text is not a valid value for " + quote(attr) + " " + quote(op);
+    return {};
+}
+
+
+// Numbers the library's converter would wrap (a minus sign) or truncate
+// (above 32 bits) instead of refusing.
+void check_numbers(const std::string &attr, const std::vector<std::vector<std::string>> &items,
+                   const std::vector<Where> *where, const Where &at,
+                   std::vector<Diagnostic> &warnings) {
+    const unsigned bits = integer_bits(attr);
+    if (bits == 0) return;
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        for (const std::string &text : items[i]) {
+            const std::size_t digits = !text.empty() && (text[0] == '+' || text[0] == '-');
+            if (digits >= text.size() ||
+                text.find_first_not_of("0123456789", digits) != std::string::npos)
+                continue;
+            const bool negative = text[0] == '-';
+            std::string num = text.substr(digits);
+            num.erase(0, std::min(num.find_first_not_of('0'), num.size()));
+            const bool wide = num.size() > 10 || (num.size() == 10 && num > "4294967295");
+            if (!negative && !wide) continue;
+            uint32_t v = 0;
+            if (shared_kela_uint32_cvt_string(text.c_str(), nullptr, 1, &v) != 0) continue;
+            const std::string max = bits == 32 ? "4294967295" : std::to_string((1ull << bits) - 1);
+            warnings.push_back({where != nullptr && i < where->size() ? (*where)[i] : at,
+                                quote(text) + " is outside " + attr + "'s range 0 - " + max +
+                                    ": the library reads it as " + std::to_string(v),
+                                ""});
+        }
+    }
+}
 
 // Compiles one statement; the refusal names what was refused.
 bool compile_one(const char *attr, kref_kind_t kind, const char *op, const char *location,
@@ -321,13 +809,14 @@ bool compile_one(const char *attr, kref_kind_t kind, const char *op, const char 
         std::free(msg);
         return true;
     }
+    const std::string text = msg != nullptr ? msg : "";
+    std::free(msg);
     std::string m = std::string(attr) + " " + op + ": ";
-    if (msg != nullptr && *msg != '\0') m += std::string(msg) + " ";
+    if (!text.empty()) m += text + " ";
     char code[16];
     std::snprintf(code, sizeof code, "0x%08X", st);
     m += std::string("(") + vog_strerror(st) + ", status " + code + ")";
-    std::free(msg);
-    err = {line, column, m};
+    err = {line, column, m, "", plain_note(attr, op, text, st, location)};
     return false;
 }
 
@@ -335,15 +824,29 @@ bool compile_one(const char *attr, kref_kind_t kind, const char *op, const char 
 
 bool compile_policy(Policy &policy, const char *location, PolicyError &err) {
     for (Rule &r : policy.rules) {
-        for (Condition &c : r.conditions)
-            if (!compile_one(c.attr.c_str(), KREF_CMP, c.op.c_str(), location, c.items, c.line,
+        for (Condition &c : r.conditions) {
+            const Where at{"", c.line, c.column};
+            if (c.list && c.list->name.empty())
+                check_numbers(c.attr, c.list->items, &c.list->where, at, policy.warnings);
+            else if (!c.list)
+                check_numbers(c.attr, c.items, nullptr, at, policy.warnings);
+            if (!compile_one(c.attr.c_str(), KREF_CMP, c.op.c_str(), location, c.params(), c.line,
                              c.column, &c.stmt, err))
                 return false;
-        for (Action &a : r.actions)
+        }
+        for (Action &a : r.actions) {
+            check_numbers(a.attr, a.items, nullptr, {"", a.line, a.column}, policy.warnings);
             if (!compile_one(a.attr.c_str(), KREF_SET, a.setter.c_str(), location, a.items, a.line,
                              a.column, &a.stmt, err))
                 return false;
+        }
     }
+    // A named value set is checked once, against the first attribute using it.
+    std::unordered_set<const ValueList *> checked;
+    for (Rule &r : policy.rules)
+        for (Condition &c : r.conditions)
+            if (c.list && !c.list->name.empty() && checked.insert(c.list.get()).second)
+                check_numbers(c.attr, c.list->items, &c.list->where, {}, policy.warnings);
     return true;
 }
 

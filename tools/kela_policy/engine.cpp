@@ -1,0 +1,366 @@
+// Route evaluation, explanations, hit counts and per-route output.
+#include "engine.hpp"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include <nlohmann/json.hpp>
+
+#include "kela_ref.h"
+#include "vog.h"
+
+namespace kp {
+
+using Json = nlohmann::ordered_json;
+
+// Valid UTF-8 whatever the input: bytes that are not are replaced.
+static std::string dump(const Json &j) {
+    return j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+void Counters::merge(const Counters &o) {
+    routes += o.routes;
+    accepted += o.accepted;
+    rejected += o.rejected;
+    malformed += o.malformed;
+    skipped += o.skipped;
+    multi_community += o.multi_community;
+    default_hits += o.default_hits;
+    rule_hits.resize(std::max(rule_hits.size(), o.rule_hits.size()));
+    for (std::size_t i = 0; i < o.rule_hits.size(); ++i) rule_hits[i] += o.rule_hits[i];
+    list_hits.resize(std::max(list_hits.size(), o.list_hits.size()));
+    for (std::size_t i = 0; i < o.list_hits.size(); ++i) {
+        list_hits[i].resize(std::max(list_hits[i].size(), o.list_hits[i].size()));
+        for (std::size_t k = 0; k < o.list_hits[i].size(); ++k) list_hits[i][k] += o.list_hits[i][k];
+    }
+}
+
+// Finds the first entry of a list that a route's value matches, by the
+// library's own matching rule; the compiled instance does not say which
+// entry it was.  Prefix entries are indexed by their prefix, so a lookup
+// tries one key per length of the route's prefix.
+class EntryFinder {
+public:
+    EntryFinder(const ValueList &list, const std::string &attr, const std::string &op)
+        : attr_(attr), prefixes_(list.prefixes) {
+        kind_ = op == "pfxlonger"     ? SHARED_KELA_PREFIX_CMP_LONGER
+                : op == "pfxorlonger" ? SHARED_KELA_PREFIX_CMP_ORLONGER
+                                      : SHARED_KELA_PREFIX_CMP_MATCH;
+        for (std::size_t i = 0; i < list.items.size(); ++i) {
+            const auto &e = list.items[i];
+            if (!prefixes_) {
+                values_.emplace(normal(e[0]), static_cast<std::uint32_t>(i));
+                continue;
+            }
+            shared_kela_prefix_matchspec_td *spec = nullptr;
+            const bool acl = e[1].find_first_of(".:") != std::string::npos;
+            const vogno st =
+                acl ? shared_kela_prefix_cvt_string_to_matchspec_acl(
+                          e[0].c_str(), e[1].c_str(), e[2].c_str(), e[3].c_str(), &spec)
+                    : shared_kela_prefix_cvt_string_to_matchspec(e[0].c_str(), e[1].c_str(),
+                                                                 e[2].c_str(), e[3].c_str(), &spec);
+            specs_.push_back(st == 0 ? spec : nullptr);
+            if (st != 0) continue;
+            if (kind_ != SHARED_KELA_PREFIX_CMP_MATCH && !acl)
+                spec->le = shared_kela_prefix_key_len(spec->family);
+            if (acl)
+                acl_.push_back(static_cast<std::uint32_t>(i));
+            else
+                index_[key(spec->family, spec->addr, spec->len)].push_back(
+                    static_cast<std::uint32_t>(i));
+        }
+    }
+    ~EntryFinder() {
+        for (auto *s : specs_) {
+            if (s == nullptr) continue;
+            std::free(s->mask);
+            std::free(s);
+        }
+    }
+    EntryFinder(const EntryFinder &) = delete;
+    EntryFinder &operator=(const EntryFinder &) = delete;
+
+    // The index of the first matching entry, or -1.
+    long find(Route &r) const {
+        if (!prefixes_) {
+            char *text = kref_attr_print(kref_attr_find(attr_.c_str()), &r);
+            if (text == nullptr) return -1;
+            const auto hit = values_.find(normal(text));
+            std::free(text);
+            return hit == values_.end() ? -1 : static_cast<long>(hit->second);
+        }
+        Prefix &p = attr_ == "nexthop" ? r.nexthop : r.destination;
+        if (p.family == 0) return -1;
+        shared_kela_prefix_addr_td v{p.family, p.addr, p.len, 0};
+        long best = -1;
+        auto consider = [&](std::uint32_t i) {
+            if (best >= 0 && static_cast<long>(i) >= best) return;
+            if (specs_[i] != nullptr && matches(v, *specs_[i])) best = static_cast<long>(i);
+        };
+        for (unsigned len = 0; len <= p.len; ++len) {
+            const auto hit = index_.find(key(p.family, p.addr, static_cast<std::uint8_t>(len)));
+            if (hit != index_.end())
+                for (std::uint32_t i : hit->second) consider(i);
+        }
+        for (std::uint32_t i : acl_) consider(i);
+        return best;
+    }
+
+private:
+    bool matches(shared_kela_prefix_addr_td &v, shared_kela_prefix_matchspec_td &s) const {
+        if (s.family != v.family) return false;
+        if (s.is_acl == 0) return shared_kela_prefix_match(&v, &s, kind_) != 0;
+        // Address/mask form: bits set in the wildcard mask may be anything.
+        if (v.len < s.ge || v.len > s.le) return false;
+        for (unsigned b = 0; b < shared_kela_prefix_key_bytes(v.family); ++b)
+            if (((v.addr[b] ^ s.addr[b]) & ~(s.mask != nullptr ? s.mask[b] : 0)) != 0)
+                return false;
+        return true;
+    }
+    static std::string key(std::uint8_t family, const std::uint8_t *addr, std::uint8_t len) {
+        std::string k(2 + (len + 7) / 8, '\0');
+        k[0] = static_cast<char>(family);
+        k[1] = static_cast<char>(len);
+        for (unsigned b = 0; b < static_cast<unsigned>(len + 7) / 8; ++b) {
+            unsigned char byte = addr[b];
+            if ((b + 1) * 8 > len) byte = static_cast<unsigned char>(byte & (0xFF00u >> (len - b * 8)));
+            k[2 + b] = static_cast<char>(byte);
+        }
+        return k;
+    }
+    // Values compare as the attribute prints them: numbers without leading
+    // zeros, MAC addresses as bare lower-case hex.
+    std::string normal(const std::string &text) const {
+        std::string out;
+        if (attr_ == "mac") {
+            for (char c : text)
+                if (std::isxdigit(static_cast<unsigned char>(c)))
+                    out += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+            return out;
+        }
+        bool lead = true;
+        for (std::size_t i = 0; i < text.size(); ++i) {
+            const char c = text[i];
+            const bool last_digit = i + 1 == text.size() || !std::isdigit(static_cast<unsigned char>(text[i + 1]));
+            if (lead && c == '0' && !last_digit) continue;
+            lead = !std::isdigit(static_cast<unsigned char>(c));
+            out += c;
+        }
+        return out;
+    }
+
+    std::string attr_;
+    bool prefixes_;
+    shared_kela_prefix_cmp_td kind_;
+    std::vector<shared_kela_prefix_matchspec_td *> specs_;
+    std::unordered_map<std::string, std::vector<std::uint32_t>> index_;
+    std::vector<std::uint32_t> acl_;
+    std::unordered_map<std::string, std::uint32_t> values_;
+};
+
+Engine::Engine(Policy &policy, const EngineOptions &options) : policy_(policy), opt_(options) {
+    std::unordered_map<const ValueList *, std::size_t> seen;
+    for (const Rule &rule : policy_.rules) {
+        info_.emplace_back();
+        for (const Condition &c : rule.conditions) {
+            ConditionInfo ci;
+            const bool answerable = c.list && c.attr != "rib-has-route";
+            if (answerable && (opt_.explain || opt_.set_hits)) {
+                finders_.push_back(std::make_unique<EntryFinder>(*c.list, c.attr, c.op));
+                ci.finder = finders_.back().get();
+                const auto [it, fresh] = seen.emplace(c.list.get(), lists_.size());
+                if (fresh) lists_.push_back(c.list.get());
+                ci.list = it->second;
+            }
+            info_.back().push_back(ci);
+        }
+    }
+}
+
+Engine::~Engine() = default;
+
+Counters Engine::counters() const {
+    Counters c;
+    c.rule_hits.assign(policy_.rules.size(), 0);
+    if (opt_.set_hits)
+        for (const ValueList *l : lists_) c.list_hits.emplace_back(l->items.size(), 0);
+    return c;
+}
+
+namespace {
+
+// The attributes a rule's actions set, each once, in the order set.
+std::vector<std::string> set_by(const Rule &rule) {
+    std::vector<std::string> names;
+    for (const Action &a : rule.actions)
+        if (std::find(names.begin(), names.end(), a.attr) == names.end()) names.push_back(a.attr);
+    return names;
+}
+
+// Their printed values: only what a rule may change is printed, so routes
+// that no action touches cost nothing here.
+std::vector<std::string> snapshot(const std::vector<std::string> &names, Route &r) {
+    std::vector<std::string> out;
+    for (const std::string &name : names) {
+        char *text = kref_attr_print(kref_attr_find(name.c_str()), &r);
+        out.emplace_back(text != nullptr ? text : "?");
+        std::free(text);
+    }
+    return out;
+}
+
+}  // namespace
+
+void Engine::evaluate(Route &r, std::string_view line, std::size_t number, Counters &c,
+                      std::string &out) const {
+    ++c.routes;
+    if (r.communities > 1) ++c.multi_community;
+    kref_eval_rec_t rec{};
+    rec.session = r.table;
+    rec.afi = r.destination.family == 10 ? 2 : 1;
+    rec.key = number;
+    const Rule *decided = nullptr;
+    std::vector<Change> changes;
+    std::string explain_text;
+    Json explain_json = Json::array();
+    for (std::size_t ri = 0; ri < policy_.rules.size(); ++ri) {
+        const Rule &rule = policy_.rules[ri];
+        bool all = true;
+        Json conds = Json::array();
+        for (std::size_t ci = 0; ci < rule.conditions.size(); ++ci) {
+            const Condition &cond = rule.conditions[ci];
+            int32_t got = 0;
+            const vogno st = kref_eval(cond.stmt, &r, &rec, &got);
+            const bool holds = st == 0 && got == 1;
+            const ConditionInfo &info = info_[ri][ci];
+            long entry = -1;
+            if (info.finder != nullptr && holds) {
+                entry = info.finder->find(r);
+                if (entry >= 0 && opt_.set_hits)
+                    ++c.list_hits[info.list][static_cast<std::size_t>(entry)];
+            }
+            if (opt_.explain) {
+                const std::string shown =
+                    entry >= 0 ? cond.list->shown[static_cast<std::size_t>(entry)] : "";
+                if (opt_.json) {
+                    Json j;
+                    j["condition"] = cond.text;
+                    j["outcome"] = holds;
+                    if (info.finder != nullptr) j["entry"] = entry >= 0 ? Json(shown) : Json(nullptr);
+                    if (st != 0) j["status"] = vog_strerror(st);
+                    conds.push_back(std::move(j));
+                } else {
+                    explain_text += "    rule " + rule.name + ": " + cond.text + " = " +
+                                    (holds ? "true" : "false");
+                    if (st != 0) explain_text += std::string(" (") + vog_strerror(st) + ")";
+                    if (info.finder != nullptr && st == 0)
+                        explain_text += holds && entry >= 0 ? " (entry " + shown + ")"
+                                                            : std::string(" (no entry matched)");
+                    explain_text += "\n";
+                }
+            }
+            if (!holds) {
+                all = false;
+                // Only --explain goes on, to show every condition's outcome.
+                if (!opt_.explain) break;
+            }
+        }
+        if (opt_.explain && opt_.json) {
+            Json j;
+            j["rule"] = rule.name;
+            j["conditions"] = std::move(conds);
+            explain_json.push_back(std::move(j));
+        }
+        if (!all) continue;
+        decided = &rule;
+        ++c.rule_hits[ri];
+        if (!rule.actions.empty()) {
+            const std::vector<std::string> names = set_by(rule);
+            const std::vector<std::string> before = snapshot(names, r);
+            for (const Action &a : rule.actions) kref_apply(a.stmt, &r);
+            const std::vector<std::string> after = snapshot(names, r);
+            for (std::size_t i = 0; i < names.size(); ++i)
+                if (before[i] != after[i]) changes.push_back({names[i], before[i], after[i]});
+        }
+        break;
+    }
+    const bool accept = decided != nullptr ? decided->accept : policy_.default_accept;
+    if (decided == nullptr) ++c.default_hits;
+    (accept ? c.accepted : c.rejected) += 1;
+
+    if (opt_.routes) {
+        if (accept) append_changed_route(out, line, opt_.input, changes);
+        return;
+    }
+    static const std::string default_rule = "default";
+    const std::string &rule = decided != nullptr ? decided->name : default_rule;
+    if (opt_.json) {
+        Json j;
+        j["line"] = number;
+        j["route"] = destination_text(r);
+        j["verdict"] = accept ? "accept" : "reject";
+        j["rule"] = rule;
+        j["changes"] = Json::array();
+        for (const Change &ch : changes)
+            j["changes"].push_back({{"attribute", ch.attr}, {"from", ch.before}, {"to", ch.after}});
+        if (opt_.explain) j["explain"] = std::move(explain_json);
+        out += dump(j);
+        out += '\n';
+        return;
+    }
+    append_destination(out, r);
+    out += accept ? " accept (rule " : " reject (rule ";
+    out += rule;
+    out += ')';
+    for (const Change &ch : changes) out += " " + ch.attr + " " + ch.before + " -> " + ch.after;
+    out += '\n';
+    out += explain_text;
+}
+
+std::string Engine::summary(const Counters &c) const {
+    auto list_name = [&](const ValueList &l) {
+        if (!l.name.empty()) return l.name;
+        return "list at line " + std::to_string(l.defined.line);
+    };
+    if (opt_.json) {
+        Json s;
+        s["routes"] = c.routes;
+        s["accepted"] = c.accepted;
+        s["rejected"] = c.rejected;
+        s["malformed"] = c.malformed;
+        if (c.skipped != 0) s["skipped"] = c.skipped;
+        Json hits = Json::object();
+        for (std::size_t i = 0; i < policy_.rules.size(); ++i)
+            hits[policy_.rules[i].name] = c.rule_hits[i];
+        hits["default"] = c.default_hits;
+        s["hits"] = std::move(hits);
+        if (opt_.set_hits) {
+            Json sets = Json::object();
+            for (std::size_t i = 0; i < lists_.size(); ++i) {
+                Json entries = Json::array();
+                for (std::size_t k = 0; k < lists_[i]->shown.size(); ++k)
+                    entries.push_back({{"entry", lists_[i]->shown[k]}, {"hits", c.list_hits[i][k]}});
+                sets[list_name(*lists_[i])] = std::move(entries);
+            }
+            s["set_hits"] = std::move(sets);
+        }
+        return dump(Json{{"summary", std::move(s)}}) + "\n";
+    }
+    std::string out = "summary: " + std::to_string(c.routes) + " routes, " +
+                      std::to_string(c.accepted) + " accepted, " + std::to_string(c.rejected) +
+                      " rejected, " + std::to_string(c.malformed) + " malformed";
+    if (c.skipped != 0) out += ", " + std::to_string(c.skipped) + " skipped";
+    out += "; hits:";
+    for (std::size_t i = 0; i < policy_.rules.size(); ++i)
+        out += " " + policy_.rules[i].name + "=" + std::to_string(c.rule_hits[i]);
+    out += " default=" + std::to_string(c.default_hits) + "\n";
+    if (opt_.set_hits)
+        for (std::size_t i = 0; i < lists_.size(); ++i)
+            for (std::size_t k = 0; k < lists_[i]->shown.size(); ++k)
+                out += "set-hits: " + list_name(*lists_[i]) + ": " + lists_[i]->shown[k] + " = " +
+                       std::to_string(c.list_hits[i][k]) + "\n";
+    return out;
+}
+
+}  // namespace kp
