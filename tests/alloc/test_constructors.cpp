@@ -26,7 +26,9 @@ namespace {
 
 using Texts = std::vector<std::optional<std::string>>;
 
-enum class Out { Untouched, Null };
+// The caller's instance pointer after a failure.
+enum Out { U /* untouched */, N /* null */ };
+// What of the call is missing.
 enum Shape : unsigned { kAsIs = 0, kNoParams = 1, kNoSlots = 2, kNoDesc = 4 };
 
 struct Refusal {
@@ -43,9 +45,9 @@ struct Row {
     Texts valid;
     std::vector<Refusal> refusals;
     rasf_construct_fn direct = nullptr;  // constructors no registration uses
-    // The instance pointer after a failed allocation other than the first
-    // (the first makes the context, before anything is built).
-    Out late_alloc = Out::Untouched;
+    // After a failed allocation other than the first (the first makes the
+    // context, before anything is built).
+    Out late_alloc = U;
 };
 
 // Something no constructor would ever store.
@@ -57,69 +59,97 @@ constexpr vogno kCount = KEL_SHARED_ERR_PARAM_COUNT;
 constexpr vogno kBad = KEL_SHARED_ERR_BAD_VALUE;
 constexpr vogno kNoArray = KEL_SHARED_ERR_NO_PARAM_ARRAY;
 constexpr vogno kVariable = KEL_SHARED_ERR_VARIABLE;
-constexpr vogno kRefusedByClient = 0x3333;
-
-vogno parse_bits(const char *text, void *, int, uint32_t *out) {
-    if (std::strcmp(text, "bad") == 0) return kRefusedByClient;
-    if (out != nullptr) *out = static_cast<uint32_t>(std::strlen(text));
-    return 0;
-}
-vogno parse_flags(const char *text, void *, uint64_t *mask) {
-    if (std::strcmp(text, "blackhole") != 0) return kRefusedByClient;
-    if (mask != nullptr) *mask = 1;
-    return 0;
-}
-vogno no_test(shared_kela_prefix_extra_op_td *, void *, uint8_t, int32_t *) {
-    return 0;
-}
+constexpr vogno kClient = 0x3333;  // the client converter's refusal
+constexpr auto kVar = std::nullopt;
 
 Texts seg(std::initializer_list<std::initializer_list<const char *>> items) {
     return kt::segments(items);
 }
 
-// The integer widths share their rows.
-void add_uint_rows(std::vector<Row> &rows, const char *attr) {
-    for (const char *op : {"exact-match", "le", "ge"})
-        rows.push_back({attr,
-                        KREF_CMP,
-                        op,
-                        {"7"},
-                        {{{"7", "8"}, kAsIs, kCount, Out::Untouched},
-                         {{std::nullopt}, kAsIs, kNullParam, Out::Untouched},
-                         {{"7"}, kNoSlots, kNullInput, Out::Untouched}}});
-    rows.push_back({attr,
-                    KREF_SET,
-                    "assign",
-                    {"7"},
-                    {{{"7", "8"}, kAsIs, kCount, Out::Untouched},
-                     {{"7"}, kNoParams, kNullInput, Out::Untouched},
-                     {{std::nullopt}, kAsIs, kNullParam, Out::Untouched}}});
-    rows.push_back({attr, KREF_RETR, nullptr, {}, {}});
+// clang-format off
+std::vector<Row> rows() {
+    std::vector<Row> r;
+    for (const char *a : {"u8", "u16", "u32"}) {
+        for (const char *op : {"exact-match", "le", "ge"})
+            r.push_back({a, KREF_CMP, op, {"7"}, {
+                {{"7", "8"}, kAsIs, kCount, U}, {{kVar}, kAsIs, kNullParam, U},
+                {{"7"}, kNoSlots, kNullInput, U}}});
+        r.push_back({a, KREF_SET, "assign", {"7"}, {
+            {{"7", "8"}, kAsIs, kCount, U}, {{"7"}, kNoParams, kNullInput, U},
+            {{kVar}, kAsIs, kNullParam, U}}});
+        r.push_back({a, KREF_RETR, nullptr, {}, {}});
+    }
+    r.push_back({"u32", KREF_CMP, "matches-any", seg({{"5"}, {"7"}}), {
+        {seg({{"5"}}), kNoDesc, kNoArray, U}, {{}, kAsIs, kNullInput, U},
+        {seg({{"5"}, {"x"}}), kAsIs, kBad, U}, {seg({{"5", "6"}}), kAsIs, 4, U},
+        {{"5"}, kAsIs, kNullInput, U}}});
+    for (kref_kind_t kind : {KREF_CMP, KREF_SET})
+        r.push_back({"en", kind, kind == KREF_CMP ? "exact-match" : "assign", {"red"}, {
+            {{"blue"}, kAsIs, kBad, U}, {{"red", "red"}, kAsIs, kCount, U}}});
+    r.push_back({"en", KREF_RETR, nullptr, {"x"}, {}});
+    for (kref_kind_t kind : {KREF_CMP, KREF_SET})
+        r.push_back({"bm", kind, kind == KREF_CMP ? "exact-match" : "assign", {"ab"}, {
+            {{"bad"}, kAsIs, kClient, U}, {{"ab", "ab"}, kAsIs, kCount, U}}});
+    r.push_back({"bm", KREF_CMP, "matches-any", seg({{"a"}, {"abc"}}), {
+        {seg({{"a"}, {"bad"}}), kAsIs, kClient, U}, {seg({{"a", "b"}}), kAsIs, 4, U},
+        {{"a"}, kAsIs, kNullInput, U}, {{}, kAsIs, kCount, U}}});
+    r.push_back({"bm", KREF_RETR, nullptr, {"x"}, {}});
+    r.push_back({"fl", KREF_SET, "assign", {"blackhole"}, {
+        {{"nope"}, kAsIs, kClient, U}, {{"blackhole", "x"}, kAsIs, kCount, U}}});
+    // Wild, length-form, one key with three entries, mask form and IPv6.
+    const Texts set = seg({{"0.0.0.0", "0", "0", "8"}, {"10.0.0.0", "8", "8", "24"},
+                           {"10.0.0.0", "8", "16", "16"}, {"10.0.0.0", "8", "20", "20"},
+                           {"172.16.0.0", "0.15.255.255", "16", "24"},
+                           {"2001:db8::", "32", "32", "48"}});
+    for (const char *op : {"pfxmatch", "pfxlonger", "pfxorlonger"})
+        r.push_back({"px", KREF_CMP, op, set, {
+            {set, kNoDesc, kNoArray, U}, {{kVar}, kAsIs, kVariable, U},
+            {seg({{"10.0.0.0", "8", "8", "24"}, {"10.0.0.300", "8", "8", "8"}}), kAsIs, 4, U},
+            {seg({{"10.0.0.0", "8", "8", "24"}, {"10.0.0.0", "8"}}), kAsIs, 4, U},
+            {{"10.0.0.0", "8", "8", "24"}, kAsIs, kBad, U}}});
+    r.push_back({"px", KREF_CMP, "covered", {}, {}});
+    r.push_back({"px", KREF_SET, "assign", {"10.0.0.1"}, {
+        {{"10.0.0.1", "x"}, kAsIs, kCount, U}, {{"10.0.0.1"}, kNoParams, kNullParam, U},
+        {{kVar}, kAsIs, kNullParam, U}}});
+    const Texts four = {"10.1.0.0", "16", "16", "32"};
+    r.push_back({"v4", KREF_CMP, "pfxmatch", four, {
+        {four, kNoDesc, kNoArray, U}, {four, kNoSlots, kNullInput, U},
+        {{"10.1.0.300", "16", "16", "32"}, kAsIs, kBad, U}}});
+    r.push_back({"mac", KREF_CMP, "macaddrmatch", seg({{"0011.2233.4455"}, {"abab.abab.abab"}}), {
+        {seg({{"0011.2233.4455"}}), kNoDesc, kNoArray, U},
+        {seg({{"0011.2233.4455"}, {nullptr}}), kAsIs, kNullParam, U},
+        {seg({{"0011.2233.4455"}, {"a", "b"}}), kAsIs, 4, U}}});
+    // "in" has started to build once its context exists: every refusal from
+    // then on hands back null.
+    const Texts host = seg({{"10.0.0.0", "8", "8", "8"}});
+    r.push_back({"rib-has-route", KREF_CMP, "in",
+                 seg({{"10.0.0.0", "8", "8", "24"}, {"2001:db8::", "32", "32", "32"}}), {
+        {host, kNoDesc, kNoArray, U}, {{kVar}, kAsIs, kVariable, U},
+        {seg({{"10.0.0.0", "8", "8", "8"}, {"10.0.0.0", "8", "16", "24"}}), kAsIs, 4, N},
+        {seg({{"10.0.0.0", "8", "8", "8"}, {"10.0.0.300", "8", "8", "8"}}), kAsIs, 4, N},
+        {seg({{"10.0.0.0", "8", "8", "8"}, {"10.0.0.0", "8", "8"}}), kAsIs, 4, N},
+        {{"10.0.0.0", "8", "8", "8"}, kAsIs, kBad, N}}, nullptr, N});
+    r.push_back({"rib-has-route", KREF_CMP, "async",
+                 seg({{"10.0.0.0", "8", "8", "8"}, {"2001:db8::", "32", "32", "32"}}), {
+        {host, kNoDesc, kNoArray, U}, {host, kNoSlots, kNullInput, U},
+        {{kVar}, kAsIs, kVariable, U}}});
+    const Texts is = {"x", "T1", "up"};
+    r.push_back({"track", KREF_CMP, "is", is, {
+        {is, kNoDesc, kNoArray, U}, {is, kNoSlots, kNullInput, U}}});
+    // Retriever constructors a client may register on its own.
+    for (rasf_construct_fn f : {shared_kela_prefix_retr_cons, shared_kela_ipv4_retr_cons,
+                                shared_kela_rhr_retr_cons})
+        r.push_back({nullptr, KREF_RETR, nullptr, {}, {}, f});
+    return r;
 }
+// clang-format on
 
 class Constructors : public kt::FrameworkTest {
   protected:
     void SetUp() override {
         kt::FrameworkTest::SetUp();
         kref_state_reset();
-        const char *const *l = kt::kLocations;
-        ASSERT_EQ(shared_kela_uint8_base_init(nullptr, nullptr, 0, &u8_), 0u);
-        ASSERT_EQ(shared_kela_uint16_base_init(nullptr, nullptr, 0, &u16_), 0u);
-        ASSERT_EQ(shared_kela_uint32_base_init(nullptr, nullptr, 0, &u32_), 0u);
-        ASSERT_EQ(shared_kela_enum_base_init_v2(nullptr, nullptr, 0, &en_, l, l, l, nullptr), 0u);
-        ASSERT_EQ(shared_kela_bitmasked_base_init_v2(nullptr, nullptr, 0, &bm_, l, l, l, nullptr),
-                  0u);
-        ASSERT_EQ(shared_kela_flag64_base_init_v2(nullptr, nullptr, 0, &fl_, l, l, l, nullptr), 0u);
-        ASSERT_EQ(shared_kela_prefix_base_init(nullptr, nullptr, 0, &px_, l, l, l, nullptr), 0u);
-        ASSERT_EQ(shared_kela_ipv4_base_init(nullptr, nullptr, 0, &v4_), 0u);
-        ASSERT_EQ(shared_kela_mac_address_base_init(nullptr, nullptr, 0, &mac_, l, l, l, nullptr),
-                  0u);
-        ASSERT_EQ(
-            shared_kela_rhr_base_init(nullptr, nullptr, 0, &rhr_, l, nullptr, nullptr, nullptr),
-            0u);
-        ASSERT_EQ(
-            shared_kela_track_base_init(nullptr, nullptr, 0, nullptr, l, nullptr, nullptr, nullptr),
-            0u);
+        ASSERT_EQ(types_.register_all(), 0u);
     }
     void TearDown() override {
         kt::alloc::reset();
@@ -127,140 +157,11 @@ class Constructors : public kt::FrameworkTest {
         kt::FrameworkTest::TearDown();
     }
 
-    std::vector<Row> rows() {
-        std::vector<Row> r;
-        for (const char *a : {"u8", "u16", "u32"}) add_uint_rows(r, a);
-        r.push_back({"u32",
-                     KREF_CMP,
-                     "matches-any",
-                     seg({{"5"}, {"7"}}),
-                     {{seg({{"5"}}), kNoDesc, kNoArray, Out::Untouched},
-                      {{}, kAsIs, kNullInput, Out::Untouched},
-                      {seg({{"5"}, {"x"}}), kAsIs, kBad, Out::Untouched},
-                      {seg({{"5", "6"}}), kAsIs, 4, Out::Untouched},
-                      {{"5"}, kAsIs, kNullInput, Out::Untouched}}});
-        r.push_back({"en",
-                     KREF_CMP,
-                     "exact-match",
-                     {"red"},
-                     {{{"blue"}, kAsIs, kBad, Out::Untouched},
-                      {{"red", "red"}, kAsIs, kCount, Out::Untouched}}});
-        r.push_back({"en",
-                     KREF_SET,
-                     "assign",
-                     {"red"},
-                     {{{"blue"}, kAsIs, kBad, Out::Untouched},
-                      {{"red", "red"}, kAsIs, kCount, Out::Untouched}}});
-        r.push_back({"en", KREF_RETR, nullptr, {"x"}, {}});
-        r.push_back({"bm",
-                     KREF_CMP,
-                     "exact-match",
-                     {"ab"},
-                     {{{"bad"}, kAsIs, kRefusedByClient, Out::Untouched},
-                      {{"ab", "ab"}, kAsIs, kCount, Out::Untouched}}});
-        r.push_back({"bm",
-                     KREF_CMP,
-                     "matches-any",
-                     seg({{"a"}, {"abc"}}),
-                     {{seg({{"a"}, {"bad"}}), kAsIs, kRefusedByClient, Out::Untouched},
-                      {seg({{"a", "b"}}), kAsIs, 4, Out::Untouched},
-                      {{"a"}, kAsIs, kNullInput, Out::Untouched},
-                      {{}, kAsIs, kCount, Out::Untouched}}});
-        r.push_back({"bm",
-                     KREF_SET,
-                     "assign",
-                     {"ab"},
-                     {{{"bad"}, kAsIs, kRefusedByClient, Out::Untouched},
-                      {{"ab", "ab"}, kAsIs, kCount, Out::Untouched}}});
-        r.push_back({"bm", KREF_RETR, nullptr, {"x"}, {}});
-        r.push_back({"fl",
-                     KREF_SET,
-                     "assign",
-                     {"blackhole"},
-                     {{{"nope"}, kAsIs, kRefusedByClient, Out::Untouched},
-                      {{"blackhole", "x"}, kAsIs, kCount, Out::Untouched}}});
-        const Texts set = seg({{"0.0.0.0", "0", "0", "8"},
-                               {"10.0.0.0", "8", "8", "24"},
-                               {"10.0.0.0", "8", "16", "16"},
-                               {"10.0.0.0", "8", "20", "20"},
-                               {"172.16.0.0", "0.15.255.255", "16", "24"},
-                               {"2001:db8::", "32", "32", "48"}});
-        for (const char *op : {"pfxmatch", "pfxlonger", "pfxorlonger"})
-            r.push_back({"px",
-                         KREF_CMP,
-                         op,
-                         set,
-                         {{set, kNoDesc, kNoArray, Out::Untouched},
-                          {{std::nullopt}, kAsIs, kVariable, Out::Untouched},
-                          {seg({{"10.0.0.0", "8", "8", "24"}, {"10.0.0.300", "8", "8", "8"}}),
-                           kAsIs, 4, Out::Untouched},
-                          {seg({{"10.0.0.0", "8", "8", "24"}, {"10.0.0.0", "8"}}), kAsIs, 4,
-                           Out::Untouched},
-                          {{"10.0.0.0", "8", "8", "24"}, kAsIs, kBad, Out::Untouched}}});
-        r.push_back({"px", KREF_CMP, "covered", {}, {}});
-        r.push_back({"px",
-                     KREF_SET,
-                     "assign",
-                     {"10.0.0.1"},
-                     {{{"10.0.0.1", "x"}, kAsIs, kCount, Out::Untouched},
-                      {{"10.0.0.1"}, kNoParams, kNullParam, Out::Untouched},
-                      {{std::nullopt}, kAsIs, kNullParam, Out::Untouched}}});
-        r.push_back({"v4",
-                     KREF_CMP,
-                     "pfxmatch",
-                     {"10.1.0.0", "16", "16", "32"},
-                     {{{"10.1.0.0", "16", "16", "32"}, kNoDesc, kNoArray, Out::Untouched},
-                      {{"10.1.0.0", "16", "16", "32"}, kNoSlots, kNullInput, Out::Untouched},
-                      {{"10.1.0.300", "16", "16", "32"}, kAsIs, kBad, Out::Untouched}}});
-        r.push_back({"mac",
-                     KREF_CMP,
-                     "macaddrmatch",
-                     seg({{"0011.2233.4455"}, {"abab.abab.abab"}}),
-                     {{seg({{"0011.2233.4455"}}), kNoDesc, kNoArray, Out::Untouched},
-                      {seg({{"0011.2233.4455"}, {nullptr}}), kAsIs, kNullParam, Out::Untouched},
-                      {seg({{"0011.2233.4455"}, {"a", "b"}}), kAsIs, 4, Out::Untouched}}});
-        // "in" has started to build once its context exists: every refusal
-        // from then on hands back null.
-        r.push_back(
-            {"rib-has-route",
-             KREF_CMP,
-             "in",
-             seg({{"10.0.0.0", "8", "8", "24"}, {"2001:db8::", "32", "32", "32"}}),
-             {{seg({{"10.0.0.0", "8", "8", "8"}}), kNoDesc, kNoArray, Out::Untouched},
-              {{std::nullopt}, kAsIs, kVariable, Out::Untouched},
-              {seg({{"10.0.0.0", "8", "8", "8"}, {"10.0.0.0", "8", "16", "24"}}), kAsIs, 4,
-               Out::Null},
-              {seg({{"10.0.0.0", "8", "8", "8"}, {"10.0.0.300", "8", "8", "8"}}), kAsIs, 4,
-               Out::Null},
-              {seg({{"10.0.0.0", "8", "8", "8"}, {"10.0.0.0", "8", "8"}}), kAsIs, 4, Out::Null},
-              {{"10.0.0.0", "8", "8", "8"}, kAsIs, kBad, Out::Null}},
-             nullptr,
-             Out::Null});
-        r.push_back({"rib-has-route",
-                     KREF_CMP,
-                     "async",
-                     seg({{"10.0.0.0", "8", "8", "8"}, {"2001:db8::", "32", "32", "32"}}),
-                     {{seg({{"10.0.0.0", "8", "8", "8"}}), kNoDesc, kNoArray, Out::Untouched},
-                      {seg({{"10.0.0.0", "8", "8", "8"}}), kNoSlots, kNullInput, Out::Untouched},
-                      {{std::nullopt}, kAsIs, kVariable, Out::Untouched}}});
-        r.push_back({"track",
-                     KREF_CMP,
-                     "is",
-                     {"x", "T1", "up"},
-                     {{{"x", "T1", "up"}, kNoDesc, kNoArray, Out::Untouched},
-                      {{"x", "T1", "up"}, kNoSlots, kNullInput, Out::Untouched}}});
-        // Retriever constructors a client may register on its own.
-        for (rasf_construct_fn f :
-             {shared_kela_prefix_retr_cons, shared_kela_ipv4_retr_cons, shared_kela_rhr_retr_cons})
-            r.push_back({nullptr, KREF_RETR, nullptr, {}, {}, f});
-        return r;
-    }
-
     // The constructor and free function of a row, as registered.
     void resolve(const Row &row, rasf_construct_fn *cons, rasf_free_fn *free_fn, void **desc) {
         *cons = row.direct;
         *free_fn = nullptr;
-        *desc = &px_;
+        *desc = &types_.px;
         if (row.attr == nullptr) return;
         kref_op_info_t op{};
         rasf_attr_t *attr = kref_attr_find(row.attr);
@@ -272,7 +173,7 @@ class Constructors : public kt::FrameworkTest {
         *free_fn = op.free_fn;
         // The routing-state attributes carry no descriptor of their own;
         // their constructors want one all the same.
-        *desc = op.desc != nullptr ? op.desc : static_cast<void *>(&rhr_);
+        *desc = op.desc != nullptr ? op.desc : static_cast<void *>(&types_.rhr);
     }
 
     // One call; a produced instance is released at once.
@@ -317,24 +218,13 @@ class Constructors : public kt::FrameworkTest {
             if (st == 0)  // a failure the constructor absorbs (a text it can do without)
                 EXPECT_NE(out, kSentinel) << "allocation " << n;
             else
-                EXPECT_EQ(out, n > 1 && late == Out::Null ? nullptr : kSentinel)
+                EXPECT_EQ(out, n > 1 && late == N ? nullptr : kSentinel)
                     << "allocation " << n;
             EXPECT_EQ(kref_live_instances(), 0u) << "allocation " << n;
         }
     }
 
-    shared_kela_uint8_desc_td u8_{"u8", 0, 0, 0};
-    shared_kela_uint16_desc_td u16_{"u16", 0, 0, 0};
-    shared_kela_uint32_desc_td u32_{"u32", 0, 0, 0, nullptr};
-    static constexpr shared_kela_enum_name_td kNames[] = {{1, "red"}, {0, nullptr}};
-    shared_kela_enum_desc_td en_{"en", 0, kNames};
-    shared_kela_bitmasked_desc_td bm_{"bm", nullptr, nullptr, parse_bits, 0, 1, 1, nullptr};
-    shared_kela_flag64_desc_td fl_{"fl", nullptr, nullptr, parse_flags, 8, 0};
-    shared_kela_prefix_extra_op_td extra_[1] = {{"covered", kt::kLocations, no_test, 0}};
-    shared_kela_prefix_desc_td px_{"px", nullptr, nullptr, extra_, 1};
-    shared_kela_ipv4_desc_td v4_{"v4", 0, 4};
-    shared_kela_mac_address_desc_td mac_{"mac", nullptr};
-    shared_kela_rhr_desc_td rhr_{"rib-has-route", nullptr};
+    kt::EveryType types_;
 };
 
 std::string label(const Row &row) {
@@ -370,7 +260,7 @@ TEST_F(Constructors, RefusalsLeaveTheInstancePointerAsDocumented) {
             const Refusal &f = row.refusals[i];
             SCOPED_TRACE("refusal " + std::to_string(i));
             EXPECT_EQ(call(cons, free_fn, desc, f.texts, f.shape, &out), f.status);
-            EXPECT_EQ(out, f.out == Out::Null ? nullptr : kSentinel);
+            EXPECT_EQ(out, f.out == N ? nullptr : kSentinel);
             EXPECT_EQ(kref_live_instances(), 0u);
         }
     }

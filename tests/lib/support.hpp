@@ -102,6 +102,55 @@ inline std::string take(char *&s) {
     return out;
 }
 
+// One attribute of every type, registered at every location: "u8", "u16",
+// "u32", "en" (red = 1), "bm" (a text's value is its length; "bad" is
+// refused with 0x3333), "fl" ("blackhole" only), "px" (with the parameterless
+// operator "covered"), "v4", "mac", "rib-has-route" and "track".
+struct EveryType {
+    static vogno parse_bits(const char *text, void *, int, uint32_t *out) {
+        if (std::strcmp(text, "bad") == 0) return 0x3333;
+        if (out != nullptr) *out = static_cast<uint32_t>(std::strlen(text));
+        return 0;
+    }
+    static vogno parse_flags(const char *text, void *, uint64_t *mask) {
+        if (std::strcmp(text, "blackhole") != 0) return 0x3333;
+        if (mask != nullptr) *mask = 1;
+        return 0;
+    }
+    static vogno no_test(shared_kela_prefix_extra_op_td *, void *, uint8_t, int32_t *) { return 0; }
+    static constexpr shared_kela_enum_name_td kNames[] = {{1, "red"}, {0, nullptr}};
+
+    shared_kela_uint8_desc_td u8{"u8", 0, 0, 0};
+    shared_kela_uint16_desc_td u16{"u16", 0, 0, 0};
+    shared_kela_uint32_desc_td u32{"u32", 0, 0, 0, nullptr};
+    shared_kela_enum_desc_td en{"en", 0, kNames};
+    shared_kela_bitmasked_desc_td bm{"bm", nullptr, nullptr, parse_bits, 0, 1, 1, nullptr};
+    shared_kela_flag64_desc_td fl{"fl", nullptr, nullptr, parse_flags, 8, 0};
+    shared_kela_prefix_extra_op_td extra[1] = {{"covered", kLocations, no_test, 0}};
+    shared_kela_prefix_desc_td px{"px", nullptr, nullptr, extra, 1};
+    shared_kela_ipv4_desc_td v4{"v4", 0, 4};
+    shared_kela_mac_address_desc_td mac{"mac", nullptr};
+    shared_kela_rhr_desc_td rhr{"rib-has-route", nullptr};
+
+    // Registers them all; 0 when every registration succeeded.
+    vogno register_all() {
+        const char *const *l = kLocations;
+        vogno st = shared_kela_uint8_base_init(nullptr, nullptr, 0, &u8);
+        st |= shared_kela_uint16_base_init(nullptr, nullptr, 0, &u16);
+        st |= shared_kela_uint32_base_init(nullptr, nullptr, 0, &u32);
+        st |= shared_kela_enum_base_init_v2(nullptr, nullptr, 0, &en, l, l, l, nullptr);
+        st |= shared_kela_bitmasked_base_init_v2(nullptr, nullptr, 0, &bm, l, l, l, nullptr);
+        st |= shared_kela_flag64_base_init_v2(nullptr, nullptr, 0, &fl, l, l, l, nullptr);
+        st |= shared_kela_prefix_base_init(nullptr, nullptr, 0, &px, l, l, l, nullptr);
+        st |= shared_kela_ipv4_base_init(nullptr, nullptr, 0, &v4);
+        st |= shared_kela_mac_address_base_init(nullptr, nullptr, 0, &mac, l, l, l, nullptr);
+        st |= shared_kela_rhr_base_init(nullptr, nullptr, 0, &rhr, l, nullptr, nullptr, nullptr);
+        st |=
+            shared_kela_track_base_init(nullptr, nullptr, 0, nullptr, l, nullptr, nullptr, nullptr);
+        return st;
+    }
+};
+
 // Every test starts and ends with an empty framework and no armed fault.
 class FrameworkTest : public ::testing::Test {
   protected:

@@ -188,7 +188,9 @@ struct Injected {
     bool frees_args;  // the library must release the list it built
 };
 
-void PrintTo(const Injected &i, std::ostream *os) { *os << i.op << " #" << i.nth; }
+void PrintTo(const Injected &i, std::ostream *os) {
+    *os << i.op << " #" << i.nth;
+}
 
 class FirstFailure : public kt::FrameworkTest, public ::testing::WithParamInterface<Injected> {};
 
@@ -345,25 +347,8 @@ TEST_F(Registration, NullDescriptorIsRefusedBeforeTheFramework) {
 // A framework or client that recognises a type by its registered callbacks
 // must find the exported functions themselves, not private twins.
 TEST_F(Registration, RegisteredCallbacksAreTheExportedFunctions) {
-    const char *const *l = kt::kLocations;
-    shared_kela_uint8_desc_td u8{"u8", 0, 0, 0};
-    shared_kela_uint16_desc_td u16{"u16", 0, 0, 0};
-    shared_kela_uint32_desc_td u32{"u32", 0, 0, 0, nullptr};
-    shared_kela_enum_desc_td en{"en", 0, nullptr};
-    shared_kela_bitmasked_desc_td bm{"bm", nullptr, nullptr, nullptr, 0, 0, 0, nullptr};
-    shared_kela_flag64_desc_td fl{"fl", nullptr, nullptr, nullptr, 0, 0};
-    shared_kela_prefix_desc_td px{"px", nullptr, nullptr, nullptr, 0};
-    shared_kela_ipv4_desc_td v4{"v4", 0, 0};
-    shared_kela_mac_address_desc_td mac{"mac", nullptr};
-    ASSERT_EQ(shared_kela_uint8_base_init(nullptr, nullptr, 0, &u8), 0u);
-    ASSERT_EQ(shared_kela_uint16_base_init(nullptr, nullptr, 0, &u16), 0u);
-    ASSERT_EQ(shared_kela_uint32_base_init(nullptr, nullptr, 0, &u32), 0u);
-    ASSERT_EQ(shared_kela_enum_base_init_v2(nullptr, nullptr, 0, &en, l, l, l, nullptr), 0u);
-    ASSERT_EQ(shared_kela_bitmasked_base_init_v2(nullptr, nullptr, 0, &bm, l, l, l, nullptr), 0u);
-    ASSERT_EQ(shared_kela_flag64_base_init_v2(nullptr, nullptr, 0, &fl, l, l, l, nullptr), 0u);
-    ASSERT_EQ(shared_kela_prefix_base_init(nullptr, nullptr, 0, &px, l, l, l, nullptr), 0u);
-    ASSERT_EQ(shared_kela_ipv4_base_init(nullptr, nullptr, 0, &v4), 0u);
-    ASSERT_EQ(shared_kela_mac_address_base_init(nullptr, nullptr, 0, &mac, l, l, l, nullptr), 0u);
+    kt::EveryType types;
+    ASSERT_EQ(types.register_all(), 0u);
 
     enum Role { Print, Cmp, Verify, Construct, Free };
     struct Case {
@@ -375,11 +360,11 @@ TEST_F(Registration, RegisteredCallbacksAreTheExportedFunctions) {
     };
     auto fn = [](auto f) { return reinterpret_cast<const void *>(f); };
     const Case cases[] = {
-#define KT_UINT(W, A)                                                                \
-    {A, KREF_CMP, nullptr, Print, fn(shared_kela_##W##_base_print)},                 \
-        {A, KREF_CMP, nullptr, Cmp, fn(shared_kela_##W##_base_cmp)},                 \
-        {A, KREF_SET, "assign", Construct, fn(shared_kela_##W##_set_assign_cons)},   \
-        {A, KREF_RETR, nullptr, Verify, fn(shared_kela_##W##_retr_veri)},            \
+#define KT_UINT(W, A)                                                              \
+    {A, KREF_CMP, nullptr, Print, fn(shared_kela_##W##_base_print)},               \
+        {A, KREF_CMP, nullptr, Cmp, fn(shared_kela_##W##_base_cmp)},               \
+        {A, KREF_SET, "assign", Construct, fn(shared_kela_##W##_set_assign_cons)}, \
+        {A, KREF_RETR, nullptr, Verify, fn(shared_kela_##W##_retr_veri)},          \
         {A, KREF_RETR, nullptr, Construct, fn(shared_kela_##W##_retr_cons)}
         KT_UINT(uint8, "u8"),
         KT_UINT(uint16, "u16"),
