@@ -161,6 +161,16 @@ vogno kref_compile(const char *attr, kref_kind_t kind, const char *name, const c
  * has one (with `rec`, which may be null), then the compare (or the
  * asynchronous compare with rec's key). */
 vogno kref_eval(kref_stmt_t *stmt, void *route, const kref_eval_rec_t *rec, int32_t *outcome);
+/* The evaluation with key `key` is over: the requests it made through
+ * asynchronous operators are withdrawn and the key leaves their request
+ * trees, so a later evaluation with the same key asks afresh.  kref_eval
+ * does this by itself for a thread's previous key when the thread evaluates
+ * under another key, and for its last key when the thread ends; call it
+ * when a key's evaluation is over and the thread goes on without another
+ * one, or for requests registered with the asynchronous client directly.
+ * A key that another thread is still evaluating is released when that
+ * thread moves on. */
+void kref_eval_release(uint64_t key);
 /* Applies a setter. */
 vogno kref_apply(kref_stmt_t *stmt, void *route);
 /* Runs a retriever. */

@@ -1,13 +1,24 @@
 // The asynchronous policy client: rib-has-route requests answered from the
 // routing table and answered anew when routes change, and tracked objects
 // whose state changes reach the interested requesters.
+//
+// One lock guards the requests, their route index and their answers: a
+// request's first answer is worked out under the lock that publishes it in
+// the index, so a route change either came before (and is in the answer) or
+// finds the request.  Notifications carry copies of what they tell and go
+// out in the order the answers changed.
 #include "pcl_async.h"
 
+#include <algorithm>
+#include <array>
+#include <compare>
 #include <cstring>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <string>
-#include <tuple>
+#include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "kela_ref.h"
@@ -35,23 +46,53 @@ struct Request {
     pcl_rhr_callback_fn callback = nullptr;
 };
 
+// A route a request asks for: family, table, length and masked address.
+struct RouteKey {
+    int afi;
+    rib_tableid_td table;
+    unsigned len;
+    std::array<std::uint8_t, 16> addr;
+    auto operator<=>(const RouteKey &) const = default;
+};
+
+RouteKey route_key(int afi, rib_tableid_td table, const std::uint8_t *addr, unsigned len) {
+    RouteKey k{afi, table, len, {}};
+    std::memcpy(k.addr.data(), addr, afi == IP_RIB_AFI_IPV4 ? 4 : 16);
+    for (unsigned b = len; b < k.addr.size() * 8; ++b)
+        k.addr[b / 8] = static_cast<std::uint8_t>(k.addr[b / 8] & ~(0x80u >> (b % 8)));
+    return k;
+}
+
+// A notification, copied while the lock was held.
+struct Note {
+    std::uint32_t id;
+    std::uint8_t answer;
+    pcl_rhr_callback_fn callback;
+};
+
 struct Interest {
     std::uint32_t wanted;
     pcl_ot_callback_fn callback;
 };
 
 struct Client {
-    std::recursive_mutex mu;
+    std::mutex mu;  // everything below
     std::map<std::uint32_t, Request> requests;
-    // (afi, table, len, address) -> requests that ask for that route
-    std::multimap<std::tuple<int, rib_tableid_td, unsigned, std::string>, std::uint32_t> index;
+    std::multimap<RouteKey, std::uint32_t> index;  // requests by the routes they ask for
+    std::unordered_multimap<std::uint64_t, std::uint32_t> by_key;  // by evaluation key
     std::map<std::uint64_t, void *> contexts;
-    std::vector<void *> retired;
+    // Every requester's context ever handed over: the client holds them for
+    // the life of the process, past the keys they came with and any reset.
+    std::unordered_set<void *> held;
     std::uint32_t next_id = 1;
     std::size_t notifications = 0;
+    // Notifications not yet delivered, in the order the answers changed, and
+    // whether a thread is delivering them now.
+    std::deque<Note> pending;
+    bool delivering = false;
 
-    std::map<std::string, std::uint32_t> states;  // objects never set are down
-    std::map<std::string, std::vector<Interest>> interests;
+    std::map<std::string, std::uint32_t> states;             // objects never set are down
+    std::map<std::string, std::vector<Interest>> interests;  // each (state, callback) once
     std::map<std::string, bool> registered;
     std::size_t track_notifications = 0;
 };
@@ -61,17 +102,31 @@ Client &client() {
     return *c;
 }
 
-std::string key_bytes(const std::uint8_t *addr, int afi, unsigned len) {
-    std::string k(reinterpret_cast<const char *>(addr), afi == IP_RIB_AFI_IPV4 ? 4 : 16);
-    for (unsigned b = len; b < k.size() * 8; ++b)
-        k[b / 8] = static_cast<char>(k[b / 8] & ~(0x80u >> (b % 8)));
-    return k;
-}
-
 std::uint8_t answer_of(const Request &r) {
     for (const Entry &e : r.entries)
         if (kref::rib_has_exact(e.afi, r.table, e.addr, e.len)) return 1;
     return 0;
+}
+
+// Withdraws one request (lock held); its evaluation-key record is the caller's.
+void drop(Client &c, std::uint32_t id) {
+    auto r = c.requests.find(id);
+    if (r == c.requests.end()) return;
+    for (const Entry &e : r->second.entries) {
+        auto [first, last] = c.index.equal_range(route_key(e.afi, r->second.table, e.addr, e.len));
+        for (auto it = first; it != last; ++it)
+            if (it->second == id) {
+                c.index.erase(it);
+                break;
+            }
+    }
+    c.requests.erase(r);
+}
+
+// An identifier that is neither 0 nor in use, should the counter wrap.
+std::uint32_t new_id(Client &c) {
+    while (c.next_id == 0 || c.requests.count(c.next_id) != 0) ++c.next_id;
+    return c.next_id++;
 }
 
 }  // namespace
@@ -79,30 +134,43 @@ std::uint8_t answer_of(const Request &r) {
 namespace kref {
 
 void routes_changed(int afi, rib_tableid_td table, const std::uint8_t *addr, unsigned len) {
-    std::vector<std::pair<std::uint32_t, Request *>> changed;
-    {
-        Client &c = client();
-        std::lock_guard lock(c.mu);
-        auto range = c.index.equal_range({afi, table, len, key_bytes(addr, afi, len)});
-        for (auto it = range.first; it != range.second; ++it) {
-            Request &r = c.requests[it->second];
-            const std::uint8_t now = answer_of(r);
-            if (now != r.answer) {
-                r.answer = now;
-                changed.emplace_back(it->second, &r);
-            }
-        }
+    Client &c = client();
+    std::unique_lock lock(c.mu);
+    auto [first, last] = c.index.equal_range(route_key(afi, table, addr, len));
+    for (auto it = first; it != last; ++it) {
+        Request &r = c.requests.at(it->second);
+        const std::uint8_t now = answer_of(r);
+        if (now == r.answer) continue;
+        r.answer = now;
+        if (r.callback != nullptr) c.pending.push_back({it->second, now, r.callback});
     }
-    // Notifications run outside the lock: the requester may call back in.
-    for (auto [id, r] : changed)
-        if (r->callback != nullptr)
-            // The identifier and the answer travel as pointer-sized values.
-            r->callback(nullptr,
-                        reinterpret_cast<void *>(  // NOLINT(performance-no-int-to-ptr)
-                            static_cast<std::uintptr_t>(id)),
-                        reinterpret_cast<void *>(  // NOLINT(performance-no-int-to-ptr)
-                            static_cast<std::uintptr_t>(r->answer)),
-                        nullptr, nullptr, nullptr);
+    // One thread delivers at a time, outside the lock (the requester may call
+    // back in); a change made meanwhile, even from a callback, queues behind.
+    if (c.delivering) return;
+    c.delivering = true;
+    while (!c.pending.empty()) {
+        const Note n = c.pending.front();
+        c.pending.pop_front();
+        lock.unlock();
+        // The identifier and the answer travel as pointer-sized values.
+        n.callback(nullptr,
+                   reinterpret_cast<void *>(  // NOLINT(performance-no-int-to-ptr)
+                       static_cast<std::uintptr_t>(n.id)),
+                   reinterpret_cast<void *>(  // NOLINT(performance-no-int-to-ptr)
+                       static_cast<std::uintptr_t>(n.answer)),
+                   nullptr, nullptr, nullptr);
+        lock.lock();
+    }
+    c.delivering = false;
+}
+
+void async_forget(std::uint64_t key) {
+    Client &c = client();
+    std::lock_guard lock(c.mu);
+    auto [first, last] = c.by_key.equal_range(key);
+    for (auto it = first; it != last; ++it) drop(c, it->second);
+    c.by_key.erase(first, last);
+    c.contexts.erase(key);
 }
 
 void async_reset() {
@@ -110,9 +178,7 @@ void async_reset() {
     std::lock_guard lock(c.mu);
     c.requests.clear();
     c.index.clear();
-    // A requester's context handed to the client is never taken back: the
-    // client holds it for the life of the process, past any reset.
-    for (auto &[key, ctx] : c.contexts) c.retired.push_back(ctx);
+    c.by_key.clear();
     c.contexts.clear();
     c.notifications = 0;
     c.states.clear();
@@ -141,22 +207,26 @@ vogno pcl_async_rib_has_route_register(const pcl_rhr_request *req, uint32_t *id,
     r.n_v4 = req->n_v4;
     r.n_v6 = req->n_v6;
     r.callback = callback;
+    // An entry longer than its family's addresses is refused, as the
+    // routing table refuses such a route: no request could ever be answered.
     for (std::uint32_t i = 0; i < req->n_v4; ++i) {
         Entry e{IP_RIB_AFI_IPV4, {}, req->v4[i].len};
+        if (e.len > 32) return KREF_ERR_BAD_ARG;
         std::memcpy(e.addr, req->v4[i].addr, 4);
-        if (e.len <= 32) r.entries.push_back(e);
+        r.entries.push_back(e);
     }
     for (std::uint32_t i = 0; i < req->n_v6; ++i) {
         Entry e{IP_RIB_AFI_IPV6, {}, req->v6[i].len};
+        if (e.len > 128) return KREF_ERR_BAD_ARG;
         std::memcpy(e.addr, req->v6[i].addr, 16);
-        if (e.len <= 128) r.entries.push_back(e);
+        r.entries.push_back(e);
     }
-    r.answer = answer_of(r);
     Client &c = client();
     std::lock_guard lock(c.mu);
-    const std::uint32_t n = c.next_id++;
-    for (const Entry &e : r.entries)
-        c.index.emplace(std::make_tuple(e.afi, r.table, e.len, key_bytes(e.addr, e.afi, e.len)), n);
+    r.answer = answer_of(r);
+    const std::uint32_t n = new_id(c);
+    for (const Entry &e : r.entries) c.index.emplace(route_key(e.afi, r.table, e.addr, e.len), n);
+    c.by_key.emplace(r.key, n);
     c.requests.emplace(n, std::move(r));
     *id = n;
     return 0;
@@ -176,6 +246,7 @@ void pcli_rhr_async_set_ctx(uint64_t key, void *ctx) {
     Client &c = client();
     std::lock_guard lock(c.mu);
     c.contexts[key] = ctx;
+    c.held.insert(ctx);
 }
 
 vogno pcli_rhr_async_client_callback(void *, void *, void *, void *, void *, void *) {
@@ -200,7 +271,13 @@ vogno pcl_async_insert_track_name(const char *name, void *, uint32_t state,
     if (name == nullptr) return KREF_ERR_BAD_ARG;
     Client &c = client();
     std::lock_guard lock(c.mu);
-    c.interests[name].push_back({state, callback});
+    // Every evaluation states its interest again; one record per kind of
+    // interest keeps the list as long as the policy, not the run.
+    std::vector<Interest> &list = c.interests[name];
+    if (std::none_of(list.begin(), list.end(), [&](const Interest &i) {
+            return i.wanted == state && i.callback == callback;
+        }))
+        list.push_back({state, callback});
     return 0;
 }
 

@@ -1,12 +1,23 @@
 // The engine side of the framework: statements compiled from policy texts
 // through the registered verifiers and constructors, evaluated against route
 // records, and released through the registered free functions.
+//
+// Asynchronous operators leave requests behind them (with the asynchronous
+// client, and keyed by evaluation in their request trees) that their
+// library never withdraws.  The engine does: an evaluation is the run of
+// kref_eval calls a thread makes under one key, and when no thread is
+// evaluating under a key any more (each has moved on to another key, ended,
+// or said so with kref_eval_release) its requests and tree entries go.
 #include <cstdio>
 #include <cstring>
+#include <mutex>
+#include <shared_mutex>
+#include <unordered_map>
 
 #include "ip_addr.h"
 #include "qv_inet.h"
 #include "ref_internal.hpp"
+#include "ref_state.hpp"
 
 struct kref_stmt {
     kref_kind_t kind = KREF_CMP;
@@ -89,6 +100,86 @@ void fill_slot(void *slot, const Param &p) {
     std::memcpy(slot, &a, sizeof a);
 }
 
+// ---- evaluation keys ------------------------------------------------------------
+
+// The keys threads are evaluating under, with how many threads each.  A
+// reset starts a new epoch: what threads remember of an earlier one is gone.
+struct Keys {
+    std::mutex mu;
+    std::unordered_map<std::uint64_t, unsigned> active;
+    std::uint64_t epoch = 0;  // written with the gate held alone
+};
+Keys &keys() {
+    static Keys *k = new Keys;
+    return *k;
+}
+
+// The key this thread evaluates under; its evaluation is over when the
+// thread ends.
+struct ThreadKey {
+    std::uint64_t key = 0;
+    std::uint64_t epoch = 0;
+    ThreadKey() = default;
+    ThreadKey(const ThreadKey &) = delete;
+    ThreadKey &operator=(const ThreadKey &) = delete;
+    ~ThreadKey();
+};
+thread_local ThreadKey current;
+
+void release(std::uint64_t key) {
+    kref::async_forget(key);
+    kref::btree_forget(key);
+}
+
+// One thread fewer under `key` (keys().mu held); the last one releases it.
+void leave(Keys &k, std::uint64_t key) {
+    auto it = k.active.find(key);
+    if (it == k.active.end() || --it->second != 0) return;
+    k.active.erase(it);
+    release(key);
+}
+
+// This thread now evaluates under `key` (gate held shared).
+void enter(std::uint64_t key) {
+    Keys &k = keys();
+    if (current.key == key && current.epoch == k.epoch) return;
+    std::lock_guard lock(k.mu);
+    if (current.key != 0 && current.epoch == k.epoch) leave(k, current.key);
+    ++k.active[key];
+    current.key = key;
+    current.epoch = k.epoch;
+}
+
+ThreadKey::~ThreadKey() {
+    if (key == 0) return;
+    std::shared_lock gate(kref::eval_gate());
+    Keys &k = keys();
+    std::lock_guard lock(k.mu);
+    if (epoch == k.epoch) leave(k, key);
+}
+
+vogno eval_async(rasf_inst &i, void *route, const kref_eval_rec_t *rec, int32_t *outcome) {
+    const std::uint64_t key = rec != nullptr ? rec->key : 0;
+    std::shared_lock gate(kref::eval_gate());
+    if (key != 0) enter(key);
+    vogno st = 0;
+    if (i.update != nullptr)
+        st = i.update(const_cast<kref_eval_rec_t *>(rec), i.ctx, i.count, i.params);
+    // Nothing can ask for a request made without a key: none outlives the
+    // evaluation that made it.
+    if (rec != nullptr && key == 0) kref::async_forget(0);
+    if (st != 0) return st;
+    return i.cmp_async(route, i.count, i.slots, i.ctx, outcome, nullptr, key);
+}
+
+// A constructor may write process-wide state of its library (each
+// rib-has-route "async" constructor sets up the one request-tree head and
+// copies it into its instance): constructors run one at a time.
+std::mutex &construct_mutex() {
+    static std::mutex *m = new std::mutex;
+    return *m;
+}
+
 bool build_vectors(kref_stmt &stmt, const std::vector<Param> &flat) {
     stmt.params = static_cast<char **>(std::calloc(flat.size() + 1, sizeof(char *)));
     stmt.slots = static_cast<void **>(std::calloc(flat.size() + 1, sizeof(void *)));
@@ -111,6 +202,22 @@ bool build_vectors(kref_stmt &stmt, const std::vector<Param> &flat) {
 }
 
 }  // namespace
+
+namespace kref {
+
+std::shared_mutex &eval_gate() {
+    static std::shared_mutex *g = new std::shared_mutex;
+    return *g;
+}
+
+void forget_eval_keys() {
+    Keys &k = keys();
+    std::lock_guard lock(k.mu);
+    k.active.clear();
+    ++k.epoch;
+}
+
+}  // namespace kref
 
 extern "C" {
 
@@ -163,7 +270,14 @@ vogno kref_compile(const char *attr_name, kref_kind_t kind, const char *name, co
     if (st != 0) return st;
 
     rasf_inst_t *inst = nullptr;
-    st = op_copy.construct(stmt->count, params, slots, op_copy.desc, &inst);
+    {
+        std::lock_guard one_at_a_time(construct_mutex());
+        // Request trees made now belong to this engine's statements: their
+        // keys are dropped when evaluations release them.
+        kref::manage_new_trees(true);
+        st = op_copy.construct(stmt->count, params, slots, op_copy.desc, &inst);
+        kref::manage_new_trees(false);
+    }
     if (st != 0) return st;
     if (inst == nullptr) return KREF_ERR_BAD_ARG;
     if (inst->kind != kind) {
@@ -179,15 +293,25 @@ vogno kref_compile(const char *attr_name, kref_kind_t kind, const char *name, co
 vogno kref_eval(kref_stmt_t *stmt, void *route, const kref_eval_rec_t *rec, int32_t *outcome) {
     if (stmt == nullptr || stmt->kind != KREF_CMP) return KREF_ERR_BAD_ARG;
     rasf_inst *i = stmt->inst;
+    if (i->cmp_async != nullptr) return eval_async(*i, route, rec, outcome);
     if (i->update != nullptr) {
         vogno st = i->update(const_cast<kref_eval_rec_t *>(rec), i->ctx, i->count, i->params);
         if (st != 0) return st;
     }
-    if (i->cmp_async != nullptr)
-        return i->cmp_async(route, i->count, i->slots, i->ctx, outcome, nullptr,
-                            rec != nullptr ? rec->key : 0);
     if (i->cmp != nullptr) return i->cmp(route, i->count, i->slots, i->ctx, outcome);
     return KREF_ERR_NO_FUNC;
+}
+
+void kref_eval_release(uint64_t key) {
+    std::shared_lock gate(kref::eval_gate());
+    Keys &k = keys();
+    std::lock_guard lock(k.mu);
+    if (current.key == key && current.epoch == k.epoch) {
+        current.key = 0;
+        leave(k, key);
+    } else if (k.active.count(key) == 0) {
+        release(key);
+    }
 }
 
 vogno kref_apply(kref_stmt_t *stmt, void *route) {

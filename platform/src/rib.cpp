@@ -201,12 +201,17 @@ uint8_t kref_rib_route_len(const ip_rib_route2 *route) {
 }
 
 void kref_state_reset(void) {
+    // Alone at the gate: no evaluation is between finding a request-tree
+    // entry and reading it while the reset releases them all.
+    std::unique_lock gate(kref::eval_gate());
     {
         std::unique_lock lock(rib().mu);
         rib().tables[0].clear();
         rib().tables[1].clear();
     }
     kref::async_reset();
+    kref::btree_forget_all();
+    kref::forget_eval_keys();
 }
 
 }  // extern "C"

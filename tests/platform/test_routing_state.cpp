@@ -174,6 +174,31 @@ TEST_F(RoutingState, AsyncRequestsAreAnsweredAnewWhenRoutesChange) {
     EXPECT_EQ(pcl_async_fetch_rib_has_route_result(id + 100, &answer), KREF_ERR_NOT_FOUND);
 }
 
+// An entry longer than its family's addresses could never be answered: the
+// client refuses it, with no identifier, as the routing table refuses such
+// a route.
+TEST_F(RoutingState, AsyncEntriesLongerThanTheirFamilyAreRefused) {
+    struct Case {
+        uint8_t v4_len, v6_len;
+    };
+    for (auto [l4, l6] : {Case{32, 128}, {33, 128}, {32, 129}}) {
+        SCOPED_TRACE(std::to_string(l4) + " " + std::to_string(l6));
+        pcl_rhr_v4_entry v4{{10, 9, 0, 0}, l4, {}};
+        pcl_rhr_v6_entry v6{{0x20, 0x01, 0x0d, 0xb8}, l6, {}};
+        const vogno rib = kref_rib_add(IP_RIB_AFI_IPV4, 0, v4.addr, l4, nullptr) |
+                          kref_rib_add(IP_RIB_AFI_IPV6, 0, v6.addr, l6, nullptr);
+        pcl_rhr_request req{};
+        req.n_v4 = req.n_v6 = 1;
+        req.v4 = &v4;
+        req.v6 = &v6;
+        uint32_t id = 0;
+        const size_t before = kref_async_requests();
+        EXPECT_EQ(pcl_async_rib_has_route_register(&req, &id, nullptr), rib);
+        EXPECT_EQ(id != 0, rib == 0);
+        EXPECT_EQ(kref_async_requests(), before + (rib == 0 ? 1 : 0));
+    }
+}
+
 int ot_calls = 0;
 vogno on_state(const char *, uint32_t, void *) {
     ++ot_calls;
