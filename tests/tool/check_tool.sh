@@ -104,6 +104,45 @@ full device|cannot write the output: No space left on device|run examples/policy
 full device, check|cannot write the output: No space left on device|"$tool" check examples/policy.kp >/dev/full
 CASES
   ;;
+eval_show)
+  # Golden outputs of show, eval and the per-entry hit counts.
+  cd "$src" || exit 1
+  while IFS='|' read -r name cmd; do
+    eval "\"\$tool\" $cmd" >"$work/out" 2>&1
+    if diff -u "$here/golden/$name" "$work/out"; then ok; else bad "$name differs"; fi
+  done <<'CASES'
+show.out|show examples/sets.kp
+sets.out|run --quiet --explain --set-hits examples/sets.kp examples/routes.txt
+eval.out|eval --track uplink1=up examples/policy.kp 10.1.2.0/24 203.0.113.64 'dest=100.64.0.0/10 metric=10 tag=150' '{"dest": "192.168.72.0/24", "mac": "aabb.ccdd.eeff", "community": "65000:7", "tag": 7, "pref": 10, "metric": 42}' 'dest=10.0.0.0/33'
+eval.json|eval --format json --track uplink1=up examples/sets.kp 10.1.2.0/24 'dest=2001:db8:1::/48 origin=egp'
+CASES
+  ;;
+sets)
+  # A prefix list gives the same verdicts written in the condition, as a
+  # named set (on one line or many, with comments), from a plain list file,
+  # from bgpq4's JSON and from its prefix-list lines.
+  cd "$src" || exit 1
+  entries='10.0.0.0/8 le 24, 172.20.0.0/16 le 24, 2001:db8::/32 ge 48 le 64'
+  printf 'ip prefix-list customers permit %s\n' "10.0.0.0/8 le 24" "172.20.0.0/16 le 24" >"$work/cisco.txt"
+  printf 'ipv6 prefix-list customers seq 5 permit 2001:db8::/32 ge 48 le 64\n' >>"$work/cisco.txt"
+  policy() {  # policy SET-DEFINITION (\n for line breaks) CONDITION-OPERAND
+    printf '%b\nrule c\n  if destination pfxmatch %s\n  set tag 1\n  accept\n' "$1" "$2" >"$work/p.kp"
+    "$tool" run --quiet "$work/p.kp" examples/routes.txt
+  }
+  policy '' "{ $entries }" >"$work/inline.out" 2>&1
+  grep -q 'accept (rule c)' "$work/inline.out" || bad "the inline list accepts no route"
+  while IFS='|' read -r name def use; do
+    policy "$def" "$use" >"$work/out" 2>&1
+    if cmp -s "$work/inline.out" "$work/out"; then ok; else bad "$name"; diff "$work/inline.out" "$work/out" | head -5; fi
+  done <<CASES
+named set|prefix-set customers { $entries }|customers
+lines and comments|prefix-set customers {\\n  # ours\\n  10.0.0.0/8 le 24   # the big one\\n\\n  172.20.0.0/16 le 24,\\n  2001:db8::/32 ge 48 le 64\\n}|customers
+set inside a list|prefix-set some { 10.0.0.0/8 le 24, 172.20.0.0/16 le 24 }|{ some, 2001:db8::/32 ge 48 le 64 }
+plain list file|prefix-set customers from "$src/examples/lists/customers.txt"|customers
+bgpq4 JSON file|prefix-set customers from "$src/examples/lists/customers.json"|customers
+prefix-list lines|prefix-set customers from "$work/cisco.txt"|customers
+CASES
+  ;;
 *) echo "unknown group $group"; exit 2 ;;
 esac
 echo "$group: $pass passed, $fail failed"

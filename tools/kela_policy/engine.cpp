@@ -62,8 +62,6 @@ public:
                                                                  e[2].c_str(), e[3].c_str(), &spec);
             specs_.push_back(st == 0 ? spec : nullptr);
             if (st != 0) continue;
-            if (kind_ != SHARED_KELA_PREFIX_CMP_MATCH && !acl)
-                spec->le = shared_kela_prefix_key_len(spec->family);
             if (acl)
                 acl_.push_back(static_cast<std::uint32_t>(i));
             else

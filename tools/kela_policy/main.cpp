@@ -672,7 +672,7 @@ int main(int argc, char **argv) {
         return kPolicyError;
     }
     Reporter rep{o.json()};
-    if (*eval) o.explain = !o.json() || o.explain;
+    if (*eval) o.explain = true;  // a one-shot test says why
     if (*check) return cmd_check(o, rep);
     if (*show) return cmd_show(o, rep);
     if (*eval) return cmd_eval(o, rep);

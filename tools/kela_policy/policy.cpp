@@ -131,8 +131,14 @@ bool prefix_entry(const std::vector<Token> &t, std::vector<std::string> &out, Po
     }
     bool saw_ge = false, saw_le = false;
     for (; i < t.size(); i += 2) {
-        if (i + 1 >= t.size()) return fail(i, quote(t[i].text) + " needs a value");
-        const std::string &w = t[i].text, &v = t[i + 1].text;
+        const std::string &w = t[i].text;
+        if (w != "ge" && w != "le" && (w != "eq" || mask))
+            return fail(i, "expected ge, le or eq, found " + quote(w) +
+                               (w.find('/') != std::string::npos
+                                    ? " (entries are separated by ',' or a line break)"
+                                    : ""));
+        if (i + 1 >= t.size()) return fail(i, quote(w) + " needs a value");
+        const std::string &v = t[i + 1].text;
         if (w == "ge") {
             ge = v;
             saw_ge = true;
