@@ -95,6 +95,7 @@ struct Shared {
     // answers are checked, their evaluations still in progress.
     std::atomic<bool> pause{false}, stop{false};
     std::barrier<> sync{5};
+    std::atomic<std::uint64_t> round{1};
     std::mutex mu;
     std::vector<std::string> problems;  // the first few
     std::size_t n_problems = 0;
@@ -202,7 +203,7 @@ void do_evaluate(Shared &run, unsigned t) {
 }
 
 // Each statement asks for one route of the static table; all threads use the
-// same two keys, so statements that shared a request tree would read each
+// round's key, so statements that shared a request tree would read each
 // other's answers.
 void do_compile(Shared &run, unsigned t) {
     for (unsigned n = t; run.go_on(); n += 4) {
@@ -225,7 +226,7 @@ void do_compile(Shared &run, unsigned t) {
         if (shared) run.problem("two statements share a request tree");
         kref_eval_rec_t rec{};
         rec.session = kStaticTable;
-        rec.key = 1 + (n / 4) % 2;
+        rec.key = run.round.load();
         std::int32_t out = -1;
         st = kref_eval(s, nullptr, &rec, &out);
         if (st != 0 || out != (i % 2 == 0 ? 1 : 0))
@@ -333,13 +334,14 @@ TEST_P(Stress, AnswersFollowTheRoutingTable) {
                     break;
             }
         });
-    const int rounds = std::max(1, static_cast<int>(span / kRound));
-    for (int r = 1; r <= rounds; ++r) {
+    const auto end = std::chrono::steady_clock::now() + span;
+    while (!run.stop) {
         std::this_thread::sleep_for(kRound);
-        run.stop = r == rounds;
+        run.stop = std::chrono::steady_clock::now() + kRound >= end;
         run.pause = true;
         run.sync.arrive_and_wait();
         check_answers(tally);
+        ++run.round;
         run.pause = false;
         run.sync.arrive_and_wait();
     }
