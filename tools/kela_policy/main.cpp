@@ -558,11 +558,14 @@ int run_routes(const Options &o, const Reporter &rep, kp::Policy &policy,
     kp::Counters total = engine.counters();
     for (const kp::Counters &c : counters) total.merge(c);
     if (total.multi_community != 0)
-        rep.emit("warning", o.routes_file, 0, 0,
+        rep.emit("warning", "", 0, 0,
                  std::to_string(total.multi_community) +
                      " routes carried more than one standard community; 'community' tests the "
                      "first of each");
-    if (eval_lines == nullptr || o.json())
+    // Routes written for the next program keep the summary off their way.
+    if (eo.routes)
+        std::fputs(engine.summary(total).c_str(), stderr);
+    else if (eval_lines == nullptr || o.json())
         if (!g_out.put(engine.summary(total))) return write_failed(rep);
     return total.malformed != 0 ? kMalformed : kOk;
 }
