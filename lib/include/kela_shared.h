@@ -777,7 +777,9 @@ typedef struct shared_kela_rhr_async_ctx_td {
 
 /* Head of the request tree (evaluation key -> request identifier cell).
  * Written by every "async" constructor: the framework must not run two of
- * them at once. */
+ * them at once.  The library never removes a tree entry nor withdraws a
+ * request: releasing them once an evaluation key is finished is the
+ * platform's job. */
 KELA_SHARED_API extern void *kela_eecompi_rhr_info_list;
 
 /* Registers "rib-has-route" with "in" (at the first operator location only)
