@@ -137,6 +137,30 @@ chained|chained.out|"$tool" run --quiet --output routes "$here/mrt/mrt.kp" "$wor
 CASES
   grep -q "1 routes carried more than one standard community" "$work/err" || bad "no warning about several communities"
   ;;
+warnings)
+  # Each warning once, the policy still compiling (exit 0); with --Werror
+  # the same policy is refused (exit 2).
+  cd "$work" || exit 1
+  while IFS='|' read -r name policy want; do
+    printf '%b\n' "$policy" >w.kp
+    "$tool" run --quiet w.kp /dev/null >/dev/null 2>err
+    rc=$?
+    n=$(grep -c "warning: $want" err)
+    if [ $rc -eq 0 ] && [ "$n" -eq 1 ] && [ "$(grep -c warning: err)" -eq 1 ]; then ok; else bad "$name: exit $rc, $n times: $(cat err)"; fi
+    "$tool" run --quiet --Werror w.kp /dev/null >/dev/null 2>&1
+    rc=$?
+    if [ $rc -eq 2 ]; then ok; else bad "$name with --Werror: exit $rc"; fi
+  done <<'CASES'
+host bits|rule r\n  if destination pfxmatch 10.0.0.1/8\n  accept|'10.0.0.1/8' has host bits set and matches no route
+host bits in a set|prefix-set s {\n  10.0.0.0/8\n  2001:db8::1/32 le 48\n}\nrule r\n  if destination pfxmatch s\n  accept|'2001:db8::1/32' has host bits set
+negative number|rule r\n  if metric le -1\n  accept|'-1' is outside metric's range 0 - 4294967295: the library reads it as 4294967295
+number above 32 bits|rule r\n  if tag exact-match 4294967296\n  accept|'4294967296' is outside tag's range 0 - 65535: the library reads it as 0
+number in a value set|value-set v { 1, -2 }\nrule r\n  if metric matches-any v\n  accept|'-2' is outside metric's range
+second default|default accept\ndefault reject|a second 'default' replaces the one at line 1
+tracked object without state|rule r\n  if track uplink9 is up\n  accept|tracked object 'uplink9' is given no state
+set destination address|rule r\n  set destination 10.0.0.0\n  accept|'set destination 10.0.0.0' gives the route the host prefix 10.0.0.0/32
+CASES
+  ;;
 sets)
   # A prefix list gives the same verdicts written in the condition, as a
   # named set (on one line or many, with comments), from a plain list file,
