@@ -78,7 +78,8 @@ std::string text_of(bool v6, const std::uint8_t *a) {
 }
 
 void clear_host_bits(std::uint8_t *a, int bytes, int len) {
-    for (int b = len; b < bytes * 8; ++b) a[b / 8] &= static_cast<std::uint8_t>(~(0x80u >> (b % 8)));
+    for (int b = len; b < bytes * 8; ++b)
+        a[b / 8] &= static_cast<std::uint8_t>(~(0x80u >> (b % 8)));
 }
 
 Entry make_entry(bool v6, const std::uint8_t *a, int len, int le) {
@@ -122,7 +123,8 @@ std::vector<Entry> read_set(bool v6, const std::string &path) {
         if (inet_pton(v6 ? AF_INET6 : AF_INET, line.substr(0, slash).c_str(), a) != 1) continue;
         const int len = std::atoi(line.c_str() + slash + 1);
         const std::size_t le_at = line.find(" le ");
-        out.push_back(make_entry(v6, a, len, le_at == std::string::npos ? len : std::atoi(line.c_str() + le_at + 4)));
+        out.push_back(make_entry(
+            v6, a, len, le_at == std::string::npos ? len : std::atoi(line.c_str() + le_at + 4)));
     }
     return out;
 }
@@ -155,7 +157,8 @@ shared_kela_prefix_desc_td g_desc{"destination", get_value, nullptr, nullptr, 0}
 // n distinct queries in random order: half under an entry of the set (its
 // length or up to 8 bits longer), half anywhere (IPv4: any unicast address;
 // IPv6: global unicast, 2000::/3) with a table-shaped length.
-std::vector<Query> make_queries(bool v6, const std::vector<Entry> &set, std::size_t n, unsigned seed) {
+std::vector<Query> make_queries(bool v6, const std::vector<Entry> &set, std::size_t n,
+                                unsigned seed) {
     std::mt19937 rng(seed);
     std::vector<Query> out;
     std::unordered_set<std::string> seen;
@@ -167,9 +170,11 @@ std::vector<Query> make_queries(bool v6, const std::vector<Entry> &set, std::siz
             const Entry &e = set[rng() % set.size()];
             for (int b = 0; b < e.length; ++b) {
                 const auto bit = static_cast<std::uint8_t>(0x80u >> (b % 8));
-                q.addr[b / 8] = static_cast<std::uint8_t>((q.addr[b / 8] & ~bit) | (e.bytes[b / 8] & bit));
+                q.addr[b / 8] =
+                    static_cast<std::uint8_t>((q.addr[b / 8] & ~bit) | (e.bytes[b / 8] & bit));
             }
-            q.len = static_cast<std::uint8_t>(rng() % 2 ? e.length : std::min(max, e.length + static_cast<int>(rng() % 9)));
+            q.len = static_cast<std::uint8_t>(
+                rng() % 2 ? e.length : std::min(max, e.length + static_cast<int>(rng() % 9)));
         } else {
             if (v6)
                 q.addr[0] = static_cast<std::uint8_t>(0x20 | (q.addr[0] & 0x1F));
@@ -178,7 +183,8 @@ std::vector<Query> make_queries(bool v6, const std::vector<Entry> &set, std::siz
             q.len = static_cast<std::uint8_t>(v6 ? v6_length(rng) : v4_length(rng));
         }
         clear_host_bits(q.addr, bytes, q.len);  // routes carry clean prefixes
-        if (seen.insert(std::string(reinterpret_cast<const char *>(&q), sizeof q)).second) out.push_back(q);
+        if (seen.insert(std::string(reinterpret_cast<const char *>(&q), sizeof q)).second)
+            out.push_back(q);
     }
     return out;
 }
@@ -203,10 +209,11 @@ struct Vector {
     std::uint32_t count() const { return static_cast<std::uint32_t>(ptrs.size()); }
 };
 
-// Bytes the allocator has handed out, small and large (mapped) blocks alike.
+// Bytes the allocator has handed out, small and large (mapped) blocks
+// alike, and what the radix indexes map for themselves.
 std::size_t allocated_bytes() {
     const struct mallinfo2 m = mallinfo2();
-    return m.uordblks + m.hblkhd;
+    return m.uordblks + m.hblkhd + kref_radix_mapped_bytes();
 }
 
 // A compiled set with its cold and warm queries.
@@ -219,17 +226,18 @@ struct Fixture {
     kref_inst_info_t info{};
     double bytes_per_entry = 0;
 
-    Fixture(bool is_v6, std::vector<Entry> entries)
-        : v6(is_v6), set(std::move(entries)), vec(set) {
+    Fixture(bool is_v6, std::vector<Entry> entries) : v6(is_v6), set(std::move(entries)), vec(set) {
         cold = make_queries(v6, set, kColdQueries, kFixedState + static_cast<unsigned>(set.size()));
         warm = make_queries(v6, set, kWarmQueries, kFixedState + 1);
         const std::size_t before = allocated_bytes();
-        if (shared_kela_prefix_cmp_match_cons(vec.count(), vec.ptrs.data(), vec.slots.data(), &g_desc, &inst) != 0)
+        if (shared_kela_prefix_cmp_match_cons(vec.count(), vec.ptrs.data(), vec.slots.data(),
+                                              &g_desc, &inst) != 0)
             std::abort();
         kref_inst_get(inst, &info);
         // The first lookup makes the trees' lookup indexes: they count too.
         lookup(cold[0]);
-        bytes_per_entry = static_cast<double>(allocated_bytes() - before) / static_cast<double>(set.size());
+        bytes_per_entry =
+            static_cast<double>(allocated_bytes() - before) / static_cast<double>(set.size());
     }
     ~Fixture() {
         shared_kela_prefix_cmp_match_free(info.ctx);
@@ -254,12 +262,12 @@ struct Fixture {
 struct SetDef {
     const char *name;  // v4/1000, v4/real, ...
     bool v6;
-    int n;             // 0: the real table
+    int n;  // 0: the real table
 };
 
 const SetDef kSets[] = {
-    {"v4/1000", false, 1000},       {"v4/10000", false, 10000}, {"v4/100000", false, 100000},
-    {"v4/1000000", false, 1000000}, {"v4/real", false, 0},      {"v6/1000", true, 1000},
+    {"v4/1000", false, 1000},       {"v4/10000", false, 10000},  {"v4/100000", false, 100000},
+    {"v4/1000000", false, 1000000}, {"v4/real", false, 0},       {"v6/1000", true, 1000},
     {"v6/10000", true, 10000},      {"v6/100000", true, 100000}, {"v6/1000000", true, 1000000},
     {"v6/real", true, 0},
 };
@@ -274,7 +282,8 @@ Fixture &fixture(const SetDef &d) {
     auto &f = cache[d.name];
     if (!f) {
         std::vector<Entry> entries =
-            d.n != 0 ? generated_set(d.v6, d.n) : read_set(d.v6, data_dir() + (d.v6 ? "/set-v6.txt" : "/set-v4.txt"));
+            d.n != 0 ? generated_set(d.v6, d.n)
+                     : read_set(d.v6, data_dir() + (d.v6 ? "/set-v6.txt" : "/set-v4.txt"));
         f = std::make_unique<Fixture>(d.v6, std::move(entries));
     }
     return *f;
@@ -286,12 +295,14 @@ void BM_Lookup(benchmark::State &state, const SetDef *d) {
     std::size_t hits = 0;
     const std::uint64_t radix_before = kref_radix_lookups();
     for (auto _ : state) hits += f.pass(f.cold);
-    const double queries = static_cast<double>(state.iterations()) * static_cast<double>(f.cold.size());
+    const double queries =
+        static_cast<double>(state.iterations()) * static_cast<double>(f.cold.size());
     state.counters["queries_per_pass"] = static_cast<double>(f.cold.size());
     state.counters["entries"] = static_cast<double>(f.set.size());
     state.counters["bytes_per_entry"] = f.bytes_per_entry;
     state.counters["hit_rate"] = static_cast<double>(hits) / queries;
-    state.counters["radix_per_query"] = static_cast<double>(kref_radix_lookups() - radix_before) / queries;
+    state.counters["radix_per_query"] =
+        static_cast<double>(kref_radix_lookups() - radix_before) / queries;
 }
 
 // Warm: the same 4,096 queries over and over stay in the caches.  Shown
@@ -308,7 +319,8 @@ void BM_LinearScan(benchmark::State &state, const SetDef *d) {
     std::vector<shared_kela_prefix_matchspec_td *> specs;
     for (const Entry &e : f.set) {
         shared_kela_prefix_matchspec_td *s = nullptr;
-        shared_kela_prefix_cvt_string_to_matchspec(e.addr.c_str(), e.len.c_str(), e.ge.c_str(), e.le.c_str(), &s);
+        shared_kela_prefix_cvt_string_to_matchspec(e.addr.c_str(), e.len.c_str(), e.ge.c_str(),
+                                                   e.le.c_str(), &s);
         specs.push_back(s);
     }
     std::size_t i = 0;
@@ -332,7 +344,8 @@ void BM_Build(benchmark::State &state, const SetDef *d) {
     Fixture &f = fixture(*d);
     for (auto _ : state) {
         rasf_inst_t *inst = nullptr;
-        shared_kela_prefix_cmp_match_cons(f.vec.count(), f.vec.ptrs.data(), f.vec.slots.data(), &g_desc, &inst);
+        shared_kela_prefix_cmp_match_cons(f.vec.count(), f.vec.ptrs.data(), f.vec.slots.data(),
+                                          &g_desc, &inst);
         kref_inst_info_t info{};
         kref_inst_get(inst, &info);
         // The index is made by the first lookup: part of the build's cost.
@@ -382,7 +395,8 @@ struct AnySet {
         }
         for (auto &t : texts) ptrs.push_back(t.data());
         slots.assign(ptrs.size(), this);
-        shared_kela_uint32_cmp_any_cons(static_cast<std::uint32_t>(ptrs.size()), ptrs.data(), slots.data(), &desc, &inst);
+        shared_kela_uint32_cmp_any_cons(static_cast<std::uint32_t>(ptrs.size()), ptrs.data(),
+                                        slots.data(), &desc, &inst);
         kref_inst_get(inst, &info);
     }
 };
@@ -396,7 +410,8 @@ void BM_MatchesAny(benchmark::State &state) {
     AnySet &s = any_set();
     std::size_t i = 0;
     for (auto _ : state) {
-        std::uint32_t route = i % 2 ? s.values[i % s.values.size()] : static_cast<std::uint32_t>(i * 2654435761u);
+        std::uint32_t route =
+            i % 2 ? s.values[i % s.values.size()] : static_cast<std::uint32_t>(i * 2654435761u);
         ++i;
         std::int32_t out = 0;
         s.info.cmp(&route, 2, s.slots.data(), s.info.ctx, &out);
@@ -408,7 +423,8 @@ void BM_MatchesAnyLinear(benchmark::State &state) {
     AnySet &s = any_set();
     std::size_t i = 0;
     for (auto _ : state) {
-        std::uint32_t route = i % 2 ? s.values[i % s.values.size()] : static_cast<std::uint32_t>(i * 2654435761u);
+        std::uint32_t route =
+            i % 2 ? s.values[i % s.values.size()] : static_cast<std::uint32_t>(i * 2654435761u);
         ++i;
         int hit = 0;
         for (std::uint32_t v : s.values)
@@ -450,7 +466,8 @@ void BM_RadixInsert(benchmark::State &state) {
             std::sort(entries.begin(), entries.end(), [](const TreeEntry &a, const TreeEntry &b) {
                 return std::memcmp(a.key, b.key, 4) < 0;
             });
-        radix_head *h = rn_tree_init(offsetof(TreeEntry, key), offsetof(TreeEntry, keylen), nullptr);
+        radix_head *h =
+            rn_tree_init(offsetof(TreeEntry, key), offsetof(TreeEntry, keylen), nullptr);
         state.ResumeTiming();
         for (auto &e : entries) rn_insert(h, &e);
         state.PauseTiming();
@@ -464,7 +481,8 @@ void BM_RadixInsert(benchmark::State &state) {
 void BM_RadixLookup(benchmark::State &state) {
     static auto entries = tree_entries(static_cast<int>(state.range(0)));
     static radix_head *h = [] {
-        radix_head *t = rn_tree_init(offsetof(TreeEntry, key), offsetof(TreeEntry, keylen), nullptr);
+        radix_head *t =
+            rn_tree_init(offsetof(TreeEntry, key), offsetof(TreeEntry, keylen), nullptr);
         for (auto &e : entries) rn_insert(t, &e);
         return t;
     }();
@@ -472,24 +490,29 @@ void BM_RadixLookup(benchmark::State &state) {
     std::vector<std::uint32_t> keys(kColdQueries);
     for (auto &k : keys) k = rng();
     for (auto _ : state)
-        for (auto &k : keys) benchmark::DoNotOptimize(rn_lookup(h, reinterpret_cast<std::uint8_t *>(&k), 32));
+        for (auto &k : keys)
+            benchmark::DoNotOptimize(rn_lookup(h, reinterpret_cast<std::uint8_t *>(&k), 32));
     state.counters["queries_per_pass"] = static_cast<double>(keys.size());
 }
 
 void register_all() {
     for (const SetDef &d : kSets) {
         if (!available(d)) {
-            std::fprintf(stderr, "kela_bench: no %s (set KELA_BENCH_DATA to the table's directory)\n", d.name);
+            std::fprintf(stderr,
+                         "kela_bench: no %s (set KELA_BENCH_DATA to the table's directory)\n",
+                         d.name);
             continue;
         }
         benchmark::RegisterBenchmark((std::string("lookup/") + d.name).c_str(), BM_Lookup, &d)
             ->Unit(benchmark::kMillisecond);
-        benchmark::RegisterBenchmark((std::string("lookup_warm/") + d.name).c_str(), BM_LookupWarm, &d)
+        benchmark::RegisterBenchmark((std::string("lookup_warm/") + d.name).c_str(), BM_LookupWarm,
+                                     &d)
             ->Unit(benchmark::kMicrosecond);
     }
     for (const SetDef &d : kSets)
         if (d.n != 0 && d.n <= 100000 && !d.v6)
-            benchmark::RegisterBenchmark((std::string("scan/") + d.name).c_str(), BM_LinearScan, &d);
+            benchmark::RegisterBenchmark((std::string("scan/") + d.name).c_str(), BM_LinearScan,
+                                         &d);
     for (const SetDef &d : kSets)
         if ((d.n == 0 || d.n == 100000) && available(d)) {
             benchmark::RegisterBenchmark((std::string("build/") + d.name).c_str(), BM_Build, &d)
@@ -499,8 +522,13 @@ void register_all() {
         }
     benchmark::RegisterBenchmark("any/set", BM_MatchesAny);
     benchmark::RegisterBenchmark("any/scan", BM_MatchesAnyLinear);
-    benchmark::RegisterBenchmark("radix/insert", BM_RadixInsert)->Args({100000, 0})->Args({100000, 1})->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("radix/lookup", BM_RadixLookup)->Arg(100000)->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("radix/insert", BM_RadixInsert)
+        ->Args({100000, 0})
+        ->Args({100000, 1})
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("radix/lookup", BM_RadixLookup)
+        ->Arg(100000)
+        ->Unit(benchmark::kMillisecond);
 }
 
 // Two passes; callgrind counts the second (see the top of this file).
@@ -521,8 +549,9 @@ int count_misses(const char *name) {
         const std::uint64_t before = kref_radix_lookups();
         const std::size_t hits = f.pass(f.cold);
 #endif
-        std::printf("{\"set\": \"%s\", \"queries\": %zu, \"hits\": %zu, \"radix_lookups\": %llu}\n", name,
-                    f.cold.size(), hits, static_cast<unsigned long long>(kref_radix_lookups() - before));
+        std::printf("{\"set\": \"%s\", \"queries\": %zu, \"hits\": %zu, \"radix_lookups\": %llu}\n",
+                    name, f.cold.size(), hits,
+                    static_cast<unsigned long long>(kref_radix_lookups() - before));
         return 0;
     }
     std::fprintf(stderr, "kela_bench: no set %s\n", name);

@@ -58,6 +58,9 @@ const char *kref_log_at(size_t i);
  * Number of rn_lookup calls this thread has made (for measuring how many a
  * prefix-set compare costs). */
 uint64_t kref_radix_lookups(void);
+/* Bytes the radix trees' lookup indexes hold in mappings of their own
+ * (large indexes, which the allocator does not see). */
+uint64_t kref_radix_mapped_bytes(void);
 
 #ifdef __cplusplus
 }

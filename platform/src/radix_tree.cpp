@@ -10,6 +10,9 @@
 // Child links are tagged: low bit set = glue node (address of an entry's
 // rn_glue_link), clear = entry.  Along a path the tested bits strictly
 // increase, so lookups only ever walk downwards.
+#include <sys/mman.h>
+
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -23,30 +26,83 @@
 #include "kela_ref_hooks.h"
 #include "radix.h"
 
-// Trees past a few hundred entries get a direct index of B bits (B grows
-// with the tree, from 8 to 20), built by the first lookup after the last
-// insert.  The indexed bits start where the tree first branches, as the
-// keys of a set drawn from a few blocks share their leading bits.  For each
-// value of those bits a slot holds the best entry ending before them on its
-// path and the node where the walk goes on.  A lookup then starts near the
-// depth of its answer instead of at the root, so that a large set costs
-// about as many dependent memory reads as a small one.  Both halves of a
-// slot share one cache line.
+// Trees past a few hundred entries get a lookup index, built by the first
+// lookup after the last insert.  Its answers are full-length longest
+// matches: for every key, the longest entry covering it.  They change only
+// at the ends of entries, so the key space falls into runs of one answer;
+// the index finds a key's run in as few reads as possible:
+//  - a direct table over the key's first T bits (T up to 16) counted from
+//    where the tree first branches (the keys of a set drawn from a few
+//    blocks share their leading bits): 256 KiB at most, which the caches
+//    keep;
+//  - below a slot whose keys need more bits, a run node when the slot has
+//    up to 64 runs: their starts, then their answers, in a few adjacent
+//    cache lines read together; else a table of the next 8 bits (or fewer)
+//    whose slots go on the same way.
+// So a key of a large IPv4 set costs the table, one run node or table read,
+// and the entry; of a large IPv6 set, one read more per 8 bits of dense keys.
+// A run node also says, for each run, which run holds the entry covering
+// the run's answer: a lookup then asks for every covering entry at once,
+// and the lookups of a prefix set that go on to those entries find them
+// already read instead of waiting for each in turn.
 //
-// The same pass links every entry to the nearest shorter entry covering it
-// (rn_up).  A lookup bounded before the slot's bits end, as the repeated
-// lookups of a prefix set are, climbs those links from the slot's best
-// entry instead of walking down from the root.
-struct IndexSlot {
-    void *start;       // tagged link to walk on from; null: the walk ends
-    radix_node *best;  // best entry ending before the indexed bits do
+// Each node also names the longest entry covering all of it (its fallback),
+// the answer for lookups bounded before its bits begin.  A lookup bounded
+// inside the answer's length climbs to the entries covering it (rn_up, set
+// by the same pass).
+//
+// Entries are named by 29-bit offsets from the lowest entry, in units of 16
+// bytes when every entry is 16-aligned (as allocations are), else 8 (they
+// begin with pointers); a tree whose entries lie too far apart for that is
+// walked from the root.  A slot whose keys hold a single entry names it
+// with a flag, "check the key against it": the entry covering it is the
+// slot's fallback, so no node is needed.  Indexes of a few megabytes and
+// more live in their own mapping, asked for huge pages, so that their reads
+// do not also miss the address translation.
+//
+// A reference to an answer or a node, 32 bits: 00, the check flag and an
+// entry offset plus one (0: no entry); 01, the run node's lines (4 bits)
+// and where it begins in the line pool (26 bits), so that all its lines are
+// asked for at once; or 1, the table's stride (5 bits) and where its slots
+// begin in the slot pool (26 bits; the slot before them holds its fallback).
+constexpr std::uint32_t kRunTag = 0x40000000u, kTableTag = 0x80000000u;
+constexpr std::uint32_t kCheck = 0x20000000u, kRefLimit = 0x20000000u, kPoolLimit = 1u << 26;
+
+// Run node: a header (bits: the runs split bits [depth, depth + bits) of the
+// key; runs; wide: starts are 32-bit, else 16; lines; the fallback and the
+// next entries covering it), the runs' starts (the first is 0), for each run
+// the run holding the entry covering its answer (kNoRun: none in this node),
+// and the answers.
+constexpr unsigned kOuter = 4;
+struct RunHeader {
+    std::uint8_t bits, runs, wide, lines;
+    std::uint32_t outer[kOuter];  // the fallback, then the entries covering it, nearest first
 };
+struct alignas(64) Line {
+    unsigned char bytes[64];
+};
+constexpr unsigned kMaxRuns = 64;
+constexpr std::uint8_t kNoRun = 0xFF;
+struct RunLayout {
+    std::size_t parents, answers, size;
+    RunLayout(unsigned runs, bool wide)
+        : parents((sizeof(RunHeader) + runs * (wide ? 4u : 2u) + 3) / 4 * 4),
+          answers((parents + runs + 3) / 4 * 4),
+          size(answers + 4 * runs) {}
+};
+
 struct RadixIndex {
-    unsigned bits;
-    unsigned skip;              // every entry agrees with `common` on its first skip bits (or on all
-    std::uint8_t common[16];    // of its own, when shorter): the slots index the B bits after those
-    std::uint64_t generation;  // unique in the process: names this tree as it now is
-    IndexSlot *slot;           // 1 << bits of them, right after this header
+    unsigned skip;            // every entry agrees with `common` on its first skip bits (or on all
+    std::uint8_t common[16];  // of its own, when shorter): the table indexes the T bits after those
+    unsigned top_bits;        // T
+    std::uint64_t generation;   // unique in the process: names this tree as it now is
+    std::uintptr_t base;        // the lowest entry; entry offsets count from it
+    unsigned scale;             // log2 of the offsets' unit
+    unsigned span;              // an entry's bytes that a lookup reads: header to key
+    const std::uint32_t *top;   // 1 << T references
+    const Line *lines;          // run nodes
+    const std::uint32_t *pool;  // slots of the tables below the top one
+    std::size_t mapped;         // bytes mapped for this index (0: allocated by malloc)
 };
 
 struct radix_head {
@@ -56,6 +112,9 @@ struct radix_head {
     void *root = nullptr;  // tagged link
     std::size_t count = 0;
     std::atomic<RadixIndex *> index{nullptr};
+    // No index to make until the next insert: a single chain, or entries too
+    // far apart to be named by offsets.  Lookups read it without the lock.
+    std::atomic<bool> unindexable{false};
     std::mutex index_mu;
 };
 
@@ -97,9 +156,11 @@ inline int bit_at(const std::uint8_t *key, unsigned b) {
 }
 
 // Whether a and b agree on their first n bits.
+// Keys are at most 16 bytes: a loop is shorter than a call to memcmp.
 inline bool prefix_equal(const std::uint8_t *a, const std::uint8_t *b, unsigned n) {
     const unsigned full = n >> 3;
-    if (std::memcmp(a, b, full) != 0) return false;
+    for (unsigned i = 0; i < full; ++i)
+        if (a[i] != b[i]) return false;
     const unsigned rest = n & 7;
     return rest == 0 || ((a[full] ^ b[full]) & (0xFF00u >> rest) & 0xFFu) == 0;
 }
@@ -126,73 +187,43 @@ radix_node *some_entry(Link l) {
 // Trees below this size are walked from the root: they stay in the cache
 // anyway, and the index would cost more than the tree.
 constexpr std::size_t kIndexFrom = 256;
-constexpr unsigned kIndexMinBits = 8, kIndexMaxBits = 20;
+constexpr unsigned kTopMinBits = 8, kTopMaxBits = 16, kTableBits = 8;
+constexpr std::size_t kMapFrom = std::size_t{4} << 20;  // indexes this large get their own mapping
+constexpr std::size_t kHugePage = std::size_t{2} << 20;
 
-// About one slot per entry: the index never costs more than 16 bytes an
-// entry.
-unsigned index_bits(std::size_t count) {
+// About one table slot per entry, up to 2^16.
+unsigned top_bits(std::size_t count) {
     unsigned b = 0;
     while ((std::size_t{1} << (b + 1)) <= count) ++b;
-    return b < kIndexMinBits ? kIndexMinBits : b > kIndexMaxBits ? kIndexMaxBits : b;
+    return b < kTopMinBits ? kTopMinBits : b > kTopMaxBits ? kTopMaxBits : b;
 }
 
 // Bits [from, from + count) of a key of `len` bits as a number, bits past
-// `len` as zeros (count <= 24; no byte past the key's length is read).
+// `len` as zeros (count <= 32; no byte past the key's length is read).
 std::uint32_t bits_at(const std::uint8_t *key, unsigned len, unsigned from, unsigned count) {
     const unsigned end = len < from + count ? len : from + count;
     if (end <= from) return 0;
-    const unsigned first = from / 8, bytes = (end + 7) / 8;
-    std::uint32_t w = 0;
-    for (unsigned i = first; i < first + 4; ++i) w = w << 8 | (i < bytes ? key[i] : 0u);
-    const unsigned lead = from - first * 8, kept = end - from;  // lead + count <= 31
-    w = (w << lead) >> (32 - count);
-    return kept < count ? w & ~((std::uint32_t{1} << (count - kept)) - 1) : w;
-}
-
-inline void set_bit(std::uint8_t *key, unsigned b, int v) {
-    const auto m = static_cast<std::uint8_t>(0x80u >> (b & 7));
-    key[b >> 3] = static_cast<std::uint8_t>(v != 0 ? key[b >> 3] | m : key[b >> 3] & ~m);
-}
-
-// Fills the slots of every key that starts with the first `known` bits of
-// `k` with where a walk from the root would be at bit skip + B.  A node that
-// needs a bit not yet known splits the key in two; each slot is filled
-// once, so the whole index takes O(2^B + entries) steps.
-void fill_index(const radix_head *h, RadixIndex &ix, Link l, const std::uint8_t *k,
-                unsigned known, radix_node *best) {
-    const Tree t{h};
-    const unsigned end = ix.skip + ix.bits;
-    auto fill = [&](Link start, radix_node *b) {
-        const unsigned free_bits = end - known;
-        const std::uint32_t p = bits_at(k, known, ix.skip, ix.bits) >> free_bits;
-        const std::uint32_t from = p << free_bits, to = (p + 1) << free_bits;
-        for (std::uint32_t i = from; i < to; ++i) ix.slot[i] = {start, b};
-    };
-    auto split = [&] {
-        std::uint8_t half[16];
-        std::memcpy(half, k, sizeof half);
-        for (int v = 0; v < 2; ++v) {
-            set_bit(half, known, v);
-            fill_index(h, ix, l, half, known + 1, best);
-        }
-    };
-    for (;;) {
-        if (l == nullptr) return fill(nullptr, best);
-        if (is_glue(l)) {
-            const radix_node *g = glue_owner(l);
-            if (g->rn_glue_bit >= end) return fill(l, best);
-            if (g->rn_glue_bit >= known) return split();
-            l = g->rn_glue_link[bit_at(k, g->rn_glue_bit)];
-            continue;
-        }
-        radix_node *e = entry_node(l);
-        const unsigned el = t.len(e);
-        if (el >= end) return fill(l, best);
-        if (!prefix_equal(t.key(e), k, el < known ? el : known)) return fill(nullptr, best);
-        if (el >= known) return split();  // bits up to el (and bit el itself) are needed
-        best = e;
-        l = e->rn_link[bit_at(k, el)];
+    const unsigned first = from / 8, n = (end + 7) / 8 - first;  // 1 to 5 bytes
+    // Whole loads where they fit, but never past the key's own bytes.
+    const std::uint8_t *p = key + first;
+    std::uint64_t w;
+    if (n >= 4) {
+        std::uint32_t x;
+        std::memcpy(&x, p, 4);
+        w = __builtin_bswap32(x);
+        if (n == 5) w = w << 8 | p[4];
+    } else if (n >= 2) {
+        std::uint16_t x;
+        std::memcpy(&x, p, 2);
+        w = __builtin_bswap16(x);
+        if (n == 3) w = w << 8 | p[2];
+    } else {
+        w = p[0];
     }
+    const unsigned lead = from - first * 8, kept = end - from;  // lead + count <= 39
+    w = (w << (64 - 8 * n + lead)) >> (64 - count);
+    return static_cast<std::uint32_t>(kept < count ? w & ~((std::uint64_t{1} << (count - kept)) - 1)
+                                                   : w);
 }
 
 // Where the tree first branches: the entries above that bit form one chain,
@@ -217,9 +248,12 @@ unsigned first_branch(const radix_head *h, const radix_node **from) {
     return last != nullptr ? t.len(last) : 0;
 }
 
-// Sets every entry's rn_up: everything below an entry extends its key, so
-// the nearest entry above it on its path is the nearest one covering it.
-void link_up(const radix_head *h) {
+// Every entry in key order, each before the entries it covers, and each
+// entry's rn_up set on the way: everything below an entry extends its key,
+// so the nearest entry above it on its path is the nearest one covering it.
+std::vector<radix_node *> entries_in_order(const radix_head *h) {
+    std::vector<radix_node *> out;
+    out.reserve(h->count);
     std::vector<std::pair<Link, radix_node *>> stack;
     if (h->root != nullptr) stack.emplace_back(h->root, nullptr);
     while (!stack.empty()) {
@@ -227,41 +261,351 @@ void link_up(const radix_head *h) {
         stack.pop_back();
         if (is_glue(l)) {
             const radix_node *g = glue_owner(l);
-            for (Link c : g->rn_glue_link)
-                if (c != nullptr) stack.emplace_back(c, up);
+            for (int side = 1; side >= 0; --side)
+                if (g->rn_glue_link[side] != nullptr) stack.emplace_back(g->rn_glue_link[side], up);
             continue;
         }
         radix_node *e = entry_node(l);
         e->rn_up = up;
-        for (Link c : e->rn_link)
-            if (c != nullptr) stack.emplace_back(c, e);
+        out.push_back(e);
+        for (int side = 1; side >= 0; --side)
+            if (e->rn_link[side] != nullptr) stack.emplace_back(e->rn_link[side], e);
+    }
+    return out;
+}
+
+// Makes the top table, line nodes and slot pool from the entries in key
+// order (each before the entries it covers).
+class IndexBuilder {
+  public:
+    IndexBuilder(const radix_head *h, const std::vector<radix_node *> &entries, std::uintptr_t base,
+                 unsigned scale)
+        : t_{h}, e_(entries), base_(base), scale_(scale) {}
+
+    std::vector<std::uint32_t> top;
+    std::vector<Line> lines;
+    std::vector<std::uint32_t> pool;
+    bool too_large = false;  // more nodes or slots than references can name
+
+    std::uint32_t ref(const radix_node *e) const {
+        if (e == nullptr) return 0;
+        return static_cast<std::uint32_t>(
+            ((reinterpret_cast<std::uintptr_t>(e) - base_) >> scale_) + 1);
+    }
+    const radix_node *entry(std::uint32_t r) const {
+        return r == 0 ? nullptr
+                      : reinterpret_cast<const radix_node *>(
+                            base_ + ((std::uintptr_t{r & (kCheck - 1)} - 1)
+                                     << scale_));  // NOLINT(performance-no-int-to-ptr)
+    }
+
+    // The table over bits [skip, skip + bits) for entries [lo, hi), all
+    // longer than skip; `up` covers them all.
+    void build_top(unsigned skip, unsigned bits, std::size_t lo, std::size_t hi, std::uint32_t up) {
+        std::vector<Group> groups;
+        paint(skip, bits, lo, hi, up, top, groups);
+        for (const Group &g : groups) {
+            const std::uint32_t r = build(skip + bits, g.lo, g.hi, top[g.slot]);
+            top[g.slot] = r;
+        }
+    }
+
+  private:
+    struct Group {
+        std::uint32_t slot;
+        std::size_t lo, hi;  // entries longer than the slot, inside it
+    };
+
+    // best[s]: the longest entry of [lo, hi) up to depth + bits long that
+    // covers slot s, else `up`; entries longer go into groups by slot.
+    void paint(unsigned depth, unsigned bits, std::size_t lo, std::size_t hi, std::uint32_t up,
+               std::vector<std::uint32_t> &best, std::vector<Group> &groups) const {
+        best.assign(std::size_t{1} << bits, up);
+        const unsigned end = depth + bits;
+        for (std::size_t i = lo; i < hi;) {
+            const radix_node *e = e_[i];
+            const unsigned el = t_.len(e);
+            const std::uint32_t slot = bits_at(t_.key(e), el, depth, bits);
+            if (el <= end) {
+                // Entries come before the entries they cover: a later one
+                // paints over the part it covers.
+                const std::uint32_t span = std::uint32_t{1} << (end - el);
+                std::fill(best.begin() + slot, best.begin() + slot + span, ref(e));
+                ++i;
+                continue;
+            }
+            // The entries inside one slot follow each other.
+            std::size_t j = i + 1;
+            while (j < hi && t_.len(e_[j]) > end &&
+                   bits_at(t_.key(e_[j]), t_.len(e_[j]), depth, bits) == slot)
+                ++j;
+            groups.push_back({slot, i, j});
+            i = j;
+        }
+    }
+
+    // A run node's plan: runs of one answer over bits [depth, depth + bits)
+    // for entries [lo, hi), as (start, answer) in order.  Entries longer
+    // than depth + bits go below the position they start at, which becomes
+    // a run of its own whose answer is kChild + the group's number.
+    static constexpr std::uint32_t kChild = 0xF0000000u;
+    struct Plan {
+        std::vector<std::pair<std::uint64_t, std::uint32_t>> runs;
+        std::vector<Group> groups;
+        std::vector<std::uint32_t> below;  // what each group's position held without it
+    };
+
+    // False when more than kMaxRuns runs would be needed.
+    bool plan(unsigned depth, unsigned bits, std::size_t lo, std::size_t hi, std::uint32_t up,
+              Plan &out) const {
+        auto &runs = out.runs;
+        runs.assign(1, {0, up});
+        auto begin = [&](std::uint64_t at, std::uint32_t answer) {
+            if (runs.back().first == at) {
+                runs.back().second = answer;
+                if (runs.size() > 1 && runs[runs.size() - 2].second == answer) runs.pop_back();
+            } else if (runs.back().second != answer) {
+                runs.emplace_back(at, answer);
+            }
+        };
+        const unsigned end = depth + bits;
+        const std::uint64_t size = std::uint64_t{1} << bits;
+        // Entries still open at the current position, innermost last.
+        std::vector<std::pair<std::uint64_t, std::uint32_t>> open{{size, up}};
+        auto close_before = [&](std::uint64_t at) {
+            while (open.size() > 1 && open.back().first <= at) {
+                const std::uint64_t stop = open.back().first;
+                open.pop_back();
+                if (stop < size) begin(stop, open.back().second);
+            }
+        };
+        for (std::size_t i = lo; i < hi && runs.size() <= kMaxRuns;) {
+            const radix_node *e = e_[i];
+            const unsigned el = t_.len(e);
+            const std::uint64_t start = bits_at(t_.key(e), el, depth, bits);
+            close_before(start);
+            if (el > end) {
+                // The entries inside one position follow each other.
+                std::size_t j = i + 1;
+                while (j < hi && t_.len(e_[j]) > end &&
+                       bits_at(t_.key(e_[j]), t_.len(e_[j]), depth, bits) == start)
+                    ++j;
+                out.below.push_back(open.back().second);
+                begin(start, kChild + static_cast<std::uint32_t>(out.groups.size()));
+                out.groups.push_back({static_cast<std::uint32_t>(start), i, j});
+                if (start + 1 < size) begin(start + 1, open.back().second);
+                i = j;
+                continue;
+            }
+            begin(start, ref(e));
+            open.emplace_back(start + (std::uint64_t{1} << (end - el)), ref(e));
+            ++i;
+        }
+        close_before(size);
+        return runs.size() <= kMaxRuns;
+    }
+
+    // The reference for the keys below depth that start like entries
+    // [lo, hi) (all longer than depth), `up` covering them all.
+    std::uint32_t build(unsigned depth, std::size_t lo, std::size_t hi, std::uint32_t up) {
+        // A single entry: its own key tells whether it answers, and when it
+        // does not, the entry covering it (`up`) does.
+        if (hi - lo == 1) return kCheck | ref(e_[lo]);
+        unsigned longest = 0;
+        for (std::size_t i = lo; i < hi; ++i) longest = std::max<unsigned>(longest, t_.len(e_[i]));
+        const unsigned bits = std::min(longest - depth, 32u);
+        Plan p;
+        if (plan(depth, bits, lo, hi, up, p)) return run_node(depth, bits, p, up);
+        return table(depth, std::min(kTableBits, longest - depth), lo, hi, up);
+    }
+
+    std::uint32_t run_node(unsigned depth, unsigned bits, const Plan &plan, std::uint32_t up) {
+        const auto &runs = plan.runs;
+        const auto n = static_cast<unsigned>(runs.size());
+        const bool wide = bits > 16;
+        const RunLayout at(n, wide);
+        const std::size_t first = lines.size();
+        const std::size_t count = (at.size + sizeof(Line) - 1) / sizeof(Line);
+        if (first + count >= kPoolLimit) {
+            too_large = true;
+            return up;
+        }
+        lines.resize(first + count);
+        RunHeader h{static_cast<std::uint8_t>(bits),
+                    static_cast<std::uint8_t>(n),
+                    static_cast<std::uint8_t>(wide),
+                    static_cast<std::uint8_t>(count),
+                    {up}};
+        const radix_node *outer = entry(up);
+        for (unsigned k = 1; k < kOuter && outer != nullptr; ++k) {
+            outer = static_cast<const radix_node *>(outer->rn_up);
+            h.outer[k] = ref(outer);
+        }
+        std::vector<std::uint32_t> answers(n);
+        for (unsigned i = 0; i < n; ++i) {
+            const std::uint32_t a = runs[i].second;
+            answers[i] = a >= kChild ? build(depth + bits, plan.groups[a - kChild].lo,
+                                             plan.groups[a - kChild].hi, plan.below[a - kChild])
+                                     : a;
+        }
+        unsigned char *p = lines[first].bytes;  // children are built: the pool no longer moves
+        std::memcpy(p, &h, sizeof h);
+        for (unsigned i = 0; i < n; ++i) {
+            if (wide) {
+                const auto st = static_cast<std::uint32_t>(runs[i].first);
+                std::memcpy(p + sizeof h + 4 * i, &st, 4);
+            } else {
+                const auto st = static_cast<std::uint16_t>(runs[i].first);
+                std::memcpy(p + sizeof h + 2 * i, &st, 2);
+            }
+            std::memcpy(p + at.answers + 4 * i, &answers[i], 4);
+            // The run of the entry covering this answer, if it has one here.
+            std::uint8_t parent = kNoRun;
+            if (runs[i].second < kChild) {
+                if (const radix_node *e = entry(answers[i]); e != nullptr && e->rn_up != nullptr) {
+                    const std::uint32_t up_ref = ref(static_cast<const radix_node *>(e->rn_up));
+                    for (unsigned j = 0; j < n; ++j)
+                        if (runs[j].second == up_ref) parent = static_cast<std::uint8_t>(j);
+                }
+            }
+            p[at.parents + i] = parent;
+        }
+        return kRunTag | static_cast<std::uint32_t>(count) << 26 |
+               static_cast<std::uint32_t>(first);
+    }
+
+    std::uint32_t table(unsigned depth, unsigned bits, std::size_t lo, std::size_t hi,
+                        std::uint32_t up) {
+        std::vector<std::uint32_t> best;
+        std::vector<Group> groups;
+        paint(depth, bits, lo, hi, up, best, groups);
+        const std::size_t at = pool.size() + 1;
+        if (at + best.size() >= kPoolLimit) {
+            too_large = true;
+            return up;
+        }
+        pool.push_back(up);
+        pool.insert(pool.end(), best.begin(), best.end());
+        for (const Group &g : groups) {
+            const std::uint32_t r = build(depth + bits, g.lo, g.hi, best[g.slot]);
+            pool[at + g.slot] = r;
+        }
+        return kTableTag | bits << 26 | static_cast<std::uint32_t>(at);
+    }
+
+    Tree t_;
+    const std::vector<radix_node *> &e_;
+    std::uintptr_t base_;
+    unsigned scale_;
+};
+
+std::atomic<std::size_t> g_mapped_bytes{0};
+
+void free_index(RadixIndex *ix) {
+    if (ix == nullptr) return;
+    if (ix->mapped != 0) {
+        g_mapped_bytes.fetch_sub(ix->mapped, std::memory_order_relaxed);
+        munmap(ix, ix->mapped);
+    } else {
+        std::free(ix);
     }
 }
 
-// The index of a large tree, made by the first lookup that needs it; null
-// when it cannot be allocated (lookups then walk from the root).
-const RadixIndex *index_of(radix_head *h) {
-    if (const RadixIndex *ix = h->index.load(std::memory_order_acquire)) return ix;
+// Room for an index of `bytes`: large ones in a mapping of their own on
+// huge-page boundaries, asked for huge pages.
+RadixIndex *alloc_index(std::size_t bytes) {
+    if (bytes >= kMapFrom) {
+        const std::size_t size = (bytes + kHugePage - 1) / kHugePage * kHugePage;
+        void *p = mmap(nullptr, size + kHugePage, PROT_READ | PROT_WRITE,
+                       MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (p != MAP_FAILED) {
+            // Keep the huge-page-aligned part only.
+            const auto at = reinterpret_cast<std::uintptr_t>(p);
+            const std::uintptr_t aligned = (at + kHugePage - 1) & ~(kHugePage - 1);
+            if (aligned > at) munmap(p, aligned - at);
+            if (aligned + size < at + size + kHugePage)
+                munmap(reinterpret_cast<void *>(aligned + size), at + kHugePage - aligned);
+            auto *mem = reinterpret_cast<void *>(aligned);  // NOLINT(performance-no-int-to-ptr)
+            madvise(mem, size, MADV_HUGEPAGE);
+            auto *ix = static_cast<RadixIndex *>(mem);
+            ix->mapped = size;
+            g_mapped_bytes.fetch_add(size, std::memory_order_relaxed);
+            return ix;
+        }
+    }
+    auto *ix = static_cast<RadixIndex *>(std::aligned_alloc(64, (bytes + 63) / 64 * 64));
+    if (ix != nullptr) ix->mapped = 0;
+    return ix;
+}
+
+// The index of a large tree, made by the first lookup that needs it (the
+// others wait for it); null when it cannot be made (lookups then walk from
+// the root).
+const RadixIndex *make_index(radix_head *h) {
     std::lock_guard lock(h->index_mu);
     if (const RadixIndex *ix = h->index.load(std::memory_order_relaxed)) return ix;
-    const unsigned bits = index_bits(h->count);
-    auto *ix = static_cast<RadixIndex *>(
-        std::malloc(sizeof(RadixIndex) + (std::size_t{1} << bits) * sizeof(IndexSlot)));
-    if (ix == nullptr) return nullptr;
-    static std::atomic<std::uint64_t> generations{0};
-    ix->bits = bits;
+    if (h->unindexable.load(std::memory_order_relaxed)) return nullptr;
+    const Tree t{h};
+    const std::vector<radix_node *> entries = entries_in_order(h);
+    std::uintptr_t lo = UINTPTR_MAX, hi = 0;
+    unsigned longest = 0;
+    bool nameable = !entries.empty(), aligned16 = true;
+    for (const radix_node *e : entries) {
+        const auto a = reinterpret_cast<std::uintptr_t>(e);
+        lo = a < lo ? a : lo;
+        hi = a > hi ? a : hi;
+        longest = std::max<unsigned>(longest, t.len(e));
+        nameable = nameable && a % 8 == 0;
+        aligned16 = aligned16 && a % 16 == 0;
+    }
+    const unsigned scale = aligned16 ? 4 : 3;
+    nameable = nameable && ((hi - lo) >> scale) + 1 < kRefLimit;
     const radix_node *from = nullptr;
-    const unsigned branch = first_branch(h, &from);
-    ix->skip = branch < 128 - bits ? branch : 128 - bits;
+    const unsigned skip = first_branch(h, &from);
+    if (!nameable || longest <= skip) {
+        // Entries that cannot be named, or a single chain, for which the
+        // walk from the root is as short as any index.
+        h->unindexable.store(true, std::memory_order_relaxed);
+        return nullptr;
+    }
+    const unsigned bits = std::min(top_bits(h->count), longest - skip);
+
+    // The entries up to skip long cover every other one and come first.
+    IndexBuilder b(h, entries, lo, scale);
+    std::size_t first = 0;
+    std::uint32_t up = 0;
+    while (first < entries.size() && t.len(entries[first]) <= skip) up = b.ref(entries[first++]);
+    b.build_top(skip, bits, first, entries.size(), up);
+    if (b.too_large) {
+        h->unindexable.store(true, std::memory_order_relaxed);
+        return nullptr;
+    }
+
+    const std::size_t top_at = (sizeof(RadixIndex) + 63) / 64 * 64;
+    const std::size_t lines_at = (top_at + b.top.size() * 4 + 63) / 64 * 64;
+    const std::size_t pool_at = lines_at + b.lines.size() * sizeof(Line);
+    const std::size_t bytes = pool_at + b.pool.size() * 4;
+    RadixIndex *ix = alloc_index(bytes);
+    if (ix == nullptr) return nullptr;
+    char *mem = reinterpret_cast<char *>(ix);
+    static std::atomic<std::uint64_t> generations{0};
+    ix->skip = skip;
     std::memset(ix->common, 0, sizeof ix->common);
     if (from != nullptr) {
-        std::memcpy(ix->common, Tree{h}.key(from), (ix->skip + 7) / 8);
-        if (ix->skip % 8 != 0) ix->common[ix->skip / 8] &= static_cast<std::uint8_t>(0xFF00u >> (ix->skip % 8));
+        std::memcpy(ix->common, t.key(from), (skip + 7) / 8);
+        if (skip % 8 != 0) ix->common[skip / 8] &= static_cast<std::uint8_t>(0xFF00u >> (skip % 8));
     }
+    ix->top_bits = bits;
     ix->generation = generations.fetch_add(1, std::memory_order_relaxed) + 1;
-    ix->slot = reinterpret_cast<IndexSlot *>(ix + 1);
-    fill_index(h, *ix, h->root, ix->common, ix->skip, nullptr);
-    link_up(h);
+    ix->base = lo;
+    ix->scale = scale;
+    ix->span = static_cast<unsigned>(std::max(h->key_offset + 16, h->keylen_offset + 1));
+    std::copy(b.top.begin(), b.top.end(), reinterpret_cast<std::uint32_t *>(mem + top_at));
+    std::copy(b.lines.begin(), b.lines.end(), reinterpret_cast<Line *>(mem + lines_at));
+    std::copy(b.pool.begin(), b.pool.end(), reinterpret_cast<std::uint32_t *>(mem + pool_at));
+    ix->top = reinterpret_cast<const std::uint32_t *>(mem + top_at);
+    ix->lines = reinterpret_cast<const Line *>(mem + lines_at);
+    ix->pool = reinterpret_cast<const std::uint32_t *>(mem + pool_at);
     h->index.store(ix, std::memory_order_release);
     return ix;
 }
@@ -302,12 +646,102 @@ struct LastAnswer {
     std::uint64_t generation = 0;
     radix_node *entry = nullptr;
 };
-thread_local LastAnswer t_last;
-thread_local std::uint64_t t_lookups = 0;
+// Initial-exec: this library is loaded with the program, and the general
+// model would cost a call into the dynamic linker on every lookup.
+__attribute__((tls_model("initial-exec"))) thread_local LastAnswer t_last;
+__attribute__((tls_model("initial-exec"))) thread_local std::uint64_t t_lookups = 0;
 
 radix_node *remember(const RadixIndex *ix, radix_node *found) {
     if (found != nullptr) t_last = {ix->generation, found};
     return found;
+}
+
+// The entry an index answer names (0: none).
+inline radix_node *entry_at(const RadixIndex &ix, std::uint32_t ref) {
+    return ref == 0 ? nullptr
+                    : reinterpret_cast<radix_node *>(  // NOLINT(performance-no-int-to-ptr)
+                          ix.base + ((std::uintptr_t{ref & (kCheck - 1)} - 1) << ix.scale));
+}
+
+// Asks for an entry's lines, from its header to its key, so that they
+// arrive together.
+inline void prefetch_entry(const RadixIndex &ix, std::uint32_t ref) {
+    if (ref == 0) return;
+    const char *e = reinterpret_cast<const char *>(entry_at(ix, ref));
+    for (unsigned at = 0; at < ix.span; at += 64) __builtin_prefetch(e + at);
+    __builtin_prefetch(e + ix.span - 1);
+}
+
+// The last run of a node starting at or before `at` (the first starts at 0).
+template <typename Start>
+inline unsigned run_at(const unsigned char *starts, unsigned runs, std::uint32_t at) {
+    unsigned lo = 0;
+    for (unsigned n = runs; n > 1;) {
+        const unsigned half = n / 2;
+        Start st;
+        std::memcpy(&st, starts + sizeof(Start) * (lo + half), sizeof st);
+        lo = st <= at ? lo + half : lo;
+        n -= half;
+    }
+    return lo;
+}
+
+// The answer of a run node for position `at`; asks for every entry covering
+// it that the node or its fallback names.
+std::uint32_t run_answer(const RadixIndex &ix, const unsigned char *p, const RunHeader &h,
+                         std::uint32_t at) {
+    const RunLayout lay(h.runs, h.wide != 0);
+    const unsigned i = h.wide != 0 ? run_at<std::uint32_t>(p + sizeof h, h.runs, at)
+                                   : run_at<std::uint16_t>(p + sizeof h, h.runs, at);
+    std::uint32_t answer;
+    std::memcpy(&answer, p + lay.answers + 4 * i, 4);
+    for (std::uint8_t r = p[lay.parents + i]; r != kNoRun; r = p[lay.parents + r]) {
+        std::uint32_t up;
+        std::memcpy(&up, p + lay.answers + 4 * r, 4);
+        prefetch_entry(ix, up);
+    }
+    for (const std::uint32_t up : h.outer) prefetch_entry(ix, up);
+    return answer;
+}
+
+// Longest match through the index, for keys that share the common bits.
+radix_node *indexed_match(const Tree &t, const RadixIndex &ix, const uint8_t *key, unsigned len) {
+    std::uint32_t ref = ix.top[bits_at(key, len, ix.skip, ix.top_bits)];
+    unsigned depth = ix.skip + ix.top_bits;
+    while (ref >= kRunTag) {
+        if (ref < kTableTag) {
+            const unsigned char *p = ix.lines[ref & (kPoolLimit - 1)].bytes;
+            // The node's lines are adjacent: ask for them all at once.
+            for (unsigned l = 1, lines = (ref >> 26) & 15; l < lines; ++l)
+                __builtin_prefetch(p + sizeof(Line) * l);
+            RunHeader h;
+            std::memcpy(&h, p, sizeof h);
+            // Entries in the node are longer than a bound before it.
+            if (len < depth) {
+                ref = h.outer[0];
+                break;
+            }
+            ref = run_answer(ix, p, h, bits_at(key, len, depth, h.bits));
+            depth += h.bits;
+            continue;
+        }
+        const std::uint32_t at = ref & (kPoolLimit - 1);
+        if (len < depth) {
+            ref = ix.pool[at - 1];
+            break;
+        }
+        const unsigned bits = (ref >> 26) & 31;
+        ref = ix.pool[at + bits_at(key, len, depth, bits)];
+        depth += bits;
+    }
+    prefetch_entry(ix, ref);
+    radix_node *e = entry_at(ix, ref);
+    // A lone entry that the key leaves: the entry covering it answers.
+    if ((ref & kCheck) != 0 && !prefix_equal(t.key(e), key, std::min<unsigned>(t.len(e), len)))
+        e = static_cast<radix_node *>(e->rn_up);
+    // The answer covers the key to its full length; a bound inside it may
+    // leave only the entries covering it.
+    return climb(t, e, len);
 }
 
 // Longest match at most `len` long.  Searches (used while sets are built,
@@ -317,7 +751,10 @@ radix_node *longest_match(radix_head *head, const uint8_t *key, uint8_t len, boo
     if (head == nullptr || key == nullptr) return nullptr;
     const Tree t{head};
     if (use_index && head->count >= kIndexFrom) {
-        if (const RadixIndex *ix = index_of(head)) {
+        const RadixIndex *ix = head->index.load(std::memory_order_acquire);
+        if (ix == nullptr && !head->unindexable.load(std::memory_order_relaxed))
+            ix = make_index(head);
+        if (ix != nullptr) {
             // A key that extends this thread's last answer, bounded below
             // its length, is answered by an entry covering that answer: the
             // walk down a prefix set's covering keys costs no index slot.
@@ -329,13 +766,7 @@ radix_node *longest_match(radix_head *head, const uint8_t *key, uint8_t len, boo
             // Keys off the common bits are answered by the chain above them.
             if (len < ix->skip || !prefix_equal(ix->common, key, ix->skip))
                 return remember(ix, walk(t, head->root, key, len, nullptr));
-            const IndexSlot &s = ix->slot[bits_at(key, len, ix->skip, ix->bits)];
-            if (len < ix->skip + ix->bits) {
-                // Every entry that can answer ends before the slot's bits do:
-                // the slot's best entry or one that covers it.
-                return remember(ix, climb(t, s.best, len));
-            }
-            return remember(ix, walk(t, s.start, key, len, s.best));
+            return remember(ix, indexed_match(t, *ix, key, len));
         }
     }
     return walk(t, head->root, key, len, nullptr);
@@ -367,7 +798,8 @@ int rn_insert(struct radix_head *head, void *entry) {
     const unsigned len = t.len(n);
     if (len > 128) return -1;
     // Inserts never run beside lookups: the index is simply made anew later.
-    std::free(head->index.exchange(nullptr));
+    free_index(head->index.exchange(nullptr));
+    head->unindexable.store(false, std::memory_order_relaxed);
     n->rn_link[0] = n->rn_link[1] = nullptr;
     n->rn_glue_link[0] = n->rn_glue_link[1] = nullptr;
     n->rn_up = nullptr;
@@ -456,6 +888,10 @@ uint64_t kref_radix_lookups(void) {
     return t_lookups;
 }
 
+uint64_t kref_radix_mapped_bytes(void) {
+    return g_mapped_bytes.load(std::memory_order_relaxed);
+}
+
 void *rn_search(struct radix_head *head, const uint8_t *key, uint8_t len) {
     radix_node *e = longest_match(head, key, len, false);
     return e != nullptr && Tree{head}.len(e) == len ? e : nullptr;
@@ -481,7 +917,7 @@ void rn_tree_destroy(struct radix_head **head) {
     }
     if (h->destructor != nullptr)
         for (radix_node *e : entries) h->destructor(e);
-    std::free(h->index.load());
+    free_index(h->index.load());
     delete h;
     *head = nullptr;
 }

@@ -1,8 +1,11 @@
-// The radix tree against a plain scan over the same entries, for both key
-// widths, and with the repeated bounded lookups the prefix sets make.
+// The radix tree against an independent reference (the entries kept per
+// length in a map), for both key widths and the shapes its lookup index has
+// to handle, with the repeated bounded lookups the prefix sets make.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
+#include <map>
 #include <random>
 #include <thread>
 #include <vector>
@@ -24,11 +27,14 @@ void destroy(void *e) {
     std::free(e);
 }
 
-bool covers(const Entry &e, const uint8_t *key, unsigned len) {
-    if (e.keylen > len) return false;
-    for (unsigned b = 0; b < e.keylen; ++b)
-        if (((e.key[b / 8] ^ key[b / 8]) >> (7 - b % 8)) & 1) return false;
-    return true;
+using Key = std::array<uint8_t, 16>;
+
+// The first len bits of key, the rest cleared.
+Key cut(const uint8_t *key, unsigned len) {
+    Key k{};
+    std::memcpy(k.data(), key, len / 8);
+    if (len % 8 != 0) k[len / 8] = static_cast<uint8_t>(key[len / 8] & (0xFF00u >> (len % 8)));
+    return k;
 }
 
 class Radix : public ::testing::Test {
@@ -55,17 +61,23 @@ class Radix : public ::testing::Test {
         if (st != 0)
             std::free(e);
         else
-            entries_.push_back(e);
+            ref_[{len, cut(key, len)}] = e;
         return st;
     }
-    const Entry *scan(const uint8_t *key, unsigned len) const {
-        const Entry *best = nullptr;
-        for (const Entry *e : entries_)
-            if (covers(*e, key, len) && (best == nullptr || e->keylen > best->keylen)) best = e;
-        return best;
+    // The reference longest match: the longest length up to len with an
+    // entry equal to the key's first bits.
+    const Entry *longest(const uint8_t *key, unsigned len) const {
+        for (int l = static_cast<int>(len); l >= 0; --l) {
+            auto it = ref_.find({static_cast<unsigned>(l), cut(key, static_cast<unsigned>(l))});
+            if (it != ref_.end()) return it->second;
+        }
+        return nullptr;
+    }
+    const Entry *lookup(const uint8_t *key, unsigned len) {
+        return static_cast<const Entry *>(rn_lookup(head_, key, static_cast<uint8_t>(len)));
     }
     radix_head *head_ = nullptr;
-    std::vector<Entry *> entries_;
+    std::map<std::pair<unsigned, Key>, const Entry *> ref_;
 };
 
 TEST_F(Radix, NestedPrefixesAndBounds) {
@@ -79,7 +91,7 @@ TEST_F(Radix, NestedPrefixesAndBounds) {
     EXPECT_EQ(add(k101, 17, 17), 0) << "same key, other length";
     const uint8_t q[16] = {10, 1, 2, 3};
     auto id = [&](unsigned len) {
-        auto *e = static_cast<Entry *>(rn_lookup(head_, q, static_cast<uint8_t>(len)));
+        const Entry *e = lookup(q, len);
         return e ? e->id : -1;
     };
     EXPECT_EQ(id(32), 24);
@@ -90,7 +102,7 @@ TEST_F(Radix, NestedPrefixesAndBounds) {
     EXPECT_EQ(static_cast<Entry *>(rn_search(head_, q, 24))->id, 24);
     EXPECT_EQ(rn_search(head_, q, 20), nullptr);
     const uint8_t other[16] = {11};
-    EXPECT_EQ(static_cast<Entry *>(rn_lookup(head_, other, 32))->id, 0);
+    EXPECT_EQ(lookup(other, 32)->id, 0);
     EXPECT_EQ(rn_tree_count(head_), 5u);
 }
 
@@ -98,99 +110,141 @@ TEST_F(Radix, HostBitsBeyondTheLengthAreIgnored) {
     const uint8_t dirty[16] = {10, 255, 255, 255};
     ASSERT_EQ(add(dirty, 8, 1), 0);
     const uint8_t q[16] = {10, 0, 0, 1};
-    ASSERT_NE(rn_lookup(head_, q, 32), nullptr);
+    ASSERT_NE(lookup(q, 32), nullptr);
     EXPECT_NE(add(q, 8, 2), 0) << "the same /8 whatever its host bits";
 }
 
-struct Shape {
-    unsigned bits;
-    bool clustered;
-};
+// ---- the lookup index against the reference, shape by shape -------------------------
 
-class RadixRandom : public Radix, public ::testing::WithParamInterface<Shape> {};
-
-TEST_P(RadixRandom, AgreesWithAScan) {
-    const Shape shape = GetParam();
-    std::mt19937 rng(shape.bits * 31 + shape.clustered);
-    const unsigned bytes = shape.bits / 8;
-    auto random_key = [&](uint8_t *k) {
+struct Gen {
+    std::mt19937 rng;
+    unsigned pick(unsigned n) { return rng() % n; }
+    void random(uint8_t *k, unsigned bytes) {
         std::memset(k, 0, 16);
         for (unsigned i = 0; i < bytes; ++i) k[i] = static_cast<uint8_t>(rng());
-        if (shape.clustered) {  // a few hot prefixes, as in routing tables
-            k[0] = static_cast<uint8_t>(rng() % 3);
-            k[1] = static_cast<uint8_t>(rng() % 4);
+    }
+};
+
+// An entry's key and length, drawn for one shape.
+using Draw = void (*)(Gen &, uint8_t *key, unsigned &len);
+
+struct Shape {
+    const char *name;
+    unsigned bits;
+    int entries;
+    Draw draw;
+};
+
+const Shape kShapes[] = {
+    // Keys anywhere, any length: sparse, mostly run nodes.
+    {"random32", 32, 6000,
+     [](Gen &g, uint8_t *k, unsigned &len) {
+         g.random(k, 4);
+         len = g.pick(33);
+     }},
+    {"random128", 128, 6000,
+     [](Gen &g, uint8_t *k, unsigned &len) {
+         g.random(k, 16);
+         len = g.pick(129);
+     }},
+    // A routing table: many /24s under few short prefixes, with /16 to /23
+    // between them and a few longer ones: long covering chains, regions
+    // dense enough for tables, and a top table of 16 bits.
+    {"table32", 32, 90000,
+     [](Gen &g, uint8_t *k, unsigned &len) {
+         g.random(k, 4);
+         k[0] = static_cast<uint8_t>(1 + g.pick(40) * 5);
+         k[1] = static_cast<uint8_t>(g.pick(24));
+         const unsigned r = g.pick(100);
+         len = r < 2    ? 8 + g.pick(5)
+               : r < 10 ? 16
+               : r < 20 ? 17 + g.pick(5)
+               : r < 35 ? 22 + g.pick(2)
+               : r < 95 ? 24
+                        : 25 + g.pick(8);
+     }},
+    // The same in IPv6: /48s under /32s under a few /20s to /29s, and up to
+    // /64: run nodes whose positions need more than 16 bits.
+    {"table128", 128, 40000,
+     [](Gen &g, uint8_t *k, unsigned &len) {
+         g.random(k, 16);
+         k[0] = 0x20;
+         k[1] = static_cast<uint8_t>(g.pick(4) * 0x10 + 1);
+         k[2] = static_cast<uint8_t>(g.pick(4));
+         const unsigned r = g.pick(100);
+         len = r < 3    ? 20 + g.pick(10)
+               : r < 25 ? 32
+               : r < 40 ? 33 + g.pick(15)
+               : r < 90 ? 48
+                        : 49 + g.pick(16);
+     }},
+    // Every length along a few paths: chains longer than a node names.
+    {"chains32", 32, 3000,
+     [](Gen &g, uint8_t *k, unsigned &len) {
+         g.random(k, 4);
+         k[0] = 10;
+         k[1] = static_cast<uint8_t>(g.pick(2));
+         k[2] = static_cast<uint8_t>(k[2] & 0x0F);
+         len = 8 + g.pick(25);
+     }},
+};
+
+class RadixShapes : public Radix, public ::testing::WithParamInterface<Shape> {
+  protected:
+    // Every query's longest match, then each bounded lookup below the last
+    // answer (as a prefix set walks its covering keys), against the
+    // reference.  Half the queries extend an entry, half are drawn anew.
+    void check_queries(Gen &g, int n) {
+        const Shape shape = GetParam();
+        std::vector<const Entry *> entries;
+        for (const auto &kv : ref_) entries.push_back(kv.second);
+        int mismatches = 0;
+        for (int i = 0; i < n && mismatches < 5; ++i) {
+            uint8_t q[16];
+            unsigned len;
+            shape.draw(g, q, len);
+            if (i % 2 == 0) {
+                const Entry *e = entries[g.pick(static_cast<unsigned>(entries.size()))];
+                const Key base = cut(e->key, e->keylen);
+                for (unsigned b = 0; b < e->keylen; ++b)
+                    q[b / 8] = static_cast<uint8_t>((q[b / 8] & ~(0x80u >> (b % 8))) | base[b / 8]);
+                len = std::min(shape.bits, e->keylen + g.pick(9));
+            }
+            for (;;) {
+                const Entry *want = longest(q, len), *got = lookup(q, len);
+                if (got != want) {
+                    ++mismatches;
+                    ADD_FAILURE() << shape.name << " query " << i << " /" << len << ": got "
+                                  << (got ? got->id : -1) << ", want " << (want ? want->id : -1);
+                }
+                if (got == nullptr || got->keylen == 0) break;
+                len = got->keylen - 1u;
+            }
+        }
+    }
+};
+
+TEST_P(RadixShapes, AgreeWithTheReferenceAlsoAfterFurtherInserts) {
+    const Shape shape = GetParam();
+    Gen g{std::mt19937(shape.bits * 31 + static_cast<unsigned>(shape.entries))};
+    auto insert = [&](int n) {
+        for (int i = 0; i < n; ++i) {
+            uint8_t k[16];
+            unsigned len;
+            shape.draw(g, k, len);
+            const bool dup = ref_.count({len, cut(k, len)}) != 0;
+            EXPECT_EQ(add(k, len, static_cast<int>(ref_.size())) != 0, dup);
         }
     };
-    for (int i = 0; i < 6000; ++i) {  // past the size at which large trees index their top
-        uint8_t k[16];
-        random_key(k);
-        const unsigned len =
-            shape.clustered ? 8 + rng() % (shape.bits - 7) : rng() % (shape.bits + 1);
-        const bool dup = scan(k, len) != nullptr && scan(k, len)->keylen == len;
-        EXPECT_EQ(add(k, len, i) != 0, dup) << i;
-    }
-    for (int i = 0; i < 20000; ++i) {
-        uint8_t q[16];
-        random_key(q);
-        unsigned len = rng() % (shape.bits + 1);
-        const Entry *want = scan(q, len);
-        ASSERT_EQ(rn_lookup(head_, q, static_cast<uint8_t>(len)), want) << i;
-        if (want != nullptr) {
-            EXPECT_EQ(rn_search(head_, q, want->keylen), want);
-            // The repeated bounded lookup visits every covering entry.
-            size_t visits = 0;
-            for (const Entry *e = want; e != nullptr && e->keylen > 0;
-                 e = static_cast<const Entry *>(
-                     rn_lookup(head_, q, static_cast<uint8_t>(e->keylen - 1))))
-                ++visits;
-            size_t covering = 0;
-            for (const Entry *e : entries_) covering += covers(*e, q, len) && e->keylen > 0;
-            EXPECT_EQ(visits, covering);
-        }
-    }
+    insert(shape.entries);
+    check_queries(g, 20000);
+    // Inserts after lookups: the index must answer for the new entries too.
+    insert(shape.entries / 10);
+    check_queries(g, 20000);
 }
 
-INSTANTIATE_TEST_SUITE_P(Widths, RadixRandom,
-                         ::testing::Values(Shape{32, false}, Shape{32, true}, Shape{128, false},
-                                           Shape{128, true}),
-                         [](const ::testing::TestParamInfo<Shape> &i) {
-                             return "bits" + std::to_string(i.param.bits) +
-                                    (i.param.clustered ? "_clustered" : "_random");
-                         });
-
-// Past 2^17 entries the lookup index is wider than two bytes.  The
-// reference is the exact search, which never uses the index: the longest
-// match is the longest length with an exact entry on the query's path.
-TEST_F(Radix, WideIndexAgreesWithExactSearches) {
-    std::mt19937 rng(17);
-    auto random_key = [&](uint8_t *k) {
-        std::memset(k, 0, 16);
-        for (int i = 0; i < 4; ++i) k[i] = static_cast<uint8_t>(rng());
-        k[0] = static_cast<uint8_t>(rng() % 4);  // a few blocks: the first bits are shared
-    };
-    for (int i = 0; i < 140000; ++i) {
-        uint8_t k[16];
-        random_key(k);
-        const unsigned r = rng() % 100;
-        add(k, r < 2 ? rng() % 17 : r < 10 ? 17 + rng() % 6 : 23 + rng() % 10, i);
-    }
-    // Each query goes down its covering keys as a prefix set does: every
-    // lookup after the first is bounded below the previous answer.
-    for (int i = 0; i < 20000; ++i) {
-        uint8_t q[16];
-        random_key(q);
-        if (i % 4 == 0) q[0] = static_cast<uint8_t>(rng());  // off the bits all entries share
-        for (unsigned len = 16 + rng() % 17;;) {
-            const void *want = nullptr;
-            for (int l = static_cast<int>(len); l >= 0 && want == nullptr; --l)
-                want = rn_search(head_, q, static_cast<uint8_t>(l));
-            const auto *got = static_cast<const Entry *>(rn_lookup(head_, q, static_cast<uint8_t>(len)));
-            ASSERT_EQ(got, want) << i << " /" << len;
-            if (got == nullptr || got->keylen == 0) break;
-            len = got->keylen - 1u;
-        }
-    }
-}
+INSTANTIATE_TEST_SUITE_P(Shapes, RadixShapes, ::testing::ValuesIn(kShapes),
+                         [](const ::testing::TestParamInfo<Shape> &i) { return i.param.name; });
 
 TEST_F(Radix, AnswersOfOneTreeNeverLeakIntoAnother) {
     // Two large trees with the same keys: a lookup in one, bounded below an
@@ -213,7 +267,7 @@ TEST_F(Radix, AnswersOfOneTreeNeverLeakIntoAnother) {
     for (int i = 0; i < 2000; ++i) {
         uint8_t q[16] = {static_cast<uint8_t>(rng() % 4), static_cast<uint8_t>(rng()),
                          static_cast<uint8_t>(rng())};
-        const auto *mine = static_cast<const Entry *>(rn_lookup(head_, q, 24));
+        const Entry *mine = lookup(q, 24);
         if (mine == nullptr || mine->keylen == 0) continue;
         const auto *theirs =
             static_cast<const Entry *>(rn_lookup(other, q, static_cast<uint8_t>(mine->keylen - 1)));
@@ -235,7 +289,7 @@ TEST_F(Radix, ConcurrentReadersSeeTheSameAnswers) {
     for (auto &q : queries) {
         q = {static_cast<uint8_t>(rng() % 8), static_cast<uint8_t>(rng()),
              static_cast<uint8_t>(rng()), static_cast<uint8_t>(rng())};
-        want.push_back(scan(q.data(), 32));
+        want.push_back(longest(q.data(), 32));
     }
     std::vector<int> wrong(4, 0);
     std::vector<std::thread> threads;
