@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Reproducible prefix sets and route streams for kela-policy runs.
 
     generate.py policy N > policy.kp    a rule with an N-entry prefix set

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Benchmarks of the hot paths, each paired with what it is judged against
 // (bench/report.py turns one run into docs/performance.md):
 //  - prefix-set lookup on cold queries: 200,000 distinct queries per set,

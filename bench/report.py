@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Turns one benchmark run into docs/performance.md and the plot's data.
 
     report.py bench.json misses.jsonl end_to_end.json performance.md OUTDIR

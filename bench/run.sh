@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs every benchmark and writes docs/performance.md and docs/lookup.png.
 #
 # Usage: bench/run.sh [--quick]   (--quick: shorter runs, a smaller end-to-end run)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Run at install time (install(CODE) in the top-level CMakeLists.txt): writes
 # one pkg-config file from its template for the prefix this installation
 # uses.  Inputs: KELA_PC_TEMPLATE, KELA_PC_FILE, KELA_PC_VERSION,

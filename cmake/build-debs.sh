@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the Debian packages (source and binary) from a copy of the source
 # tree, so that nothing the build makes lands in the tree itself.
 # Usage: build-debs.sh SOURCE_DIR OUT_DIR

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * A client module in miniature: registers a 32-bit "metric" attribute with
  * the reference framework, compiles the condition "metric le 10" through the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Address, prefix and MAC texts through every converter and printer.
 #include <cstdlib>
 #include <cstring>

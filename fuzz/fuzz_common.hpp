@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Shared by the fuzz targets: turning the fuzzer's bytes into texts.
 #pragma once
 

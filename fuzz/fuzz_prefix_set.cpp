@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Prefix sets built from fuzzed entries must answer every query exactly as
 // applying each entry's own rule does (the entries in turn, the first that
 // accepts wins).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The segment list and the 32-bit "matches-any" that walks it.
 #include <cstdlib>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The track and rib-has-route verifiers over fuzzed parameter vectors.
 #include <cstdlib>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // kela-policy's policy and route parsers (text, JSON and bgpdump lines), and
 // the compilation of what parses.
 #include <string>

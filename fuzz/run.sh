@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the libFuzzer targets with clang and runs each for SECONDS seconds
 # (default 60), starting from a copy of fuzz/corpus/<target>.
 # Usage: fuzz/run.sh [SECONDS]

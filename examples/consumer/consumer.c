@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * A client module in C11, built against an installed kela-shared: it
  * registers a 32-bit metric, an origin enumeration and a destination prefix

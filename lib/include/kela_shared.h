@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * kela-shared: generic attribute types for the route-policy engine.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Platform B-tree keyed by 64-bit values, holding pointer values; every
  * byte it needs comes from the allocation callback it was given.

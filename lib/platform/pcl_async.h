@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Platform asynchronous policy client: rib-has-route requests answered from
  * the routing table, and tracked objects with up/down states.  Names are

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Platform address text conversion, with the contract of inet_pton and
  * inet_ntop for the families 2 (IPv4) and 10 (IPv6); addresses are in

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bit-masked attribute: a 32-bit value word with the client's own text form,
 // paired with a mask word in which "assign" sets the attribute's bits.
 #include "kela_register.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Callbacks the library registers with the framework but does not export:
 // the framework reaches them through registration; the library's own tests
 // declare them from here.

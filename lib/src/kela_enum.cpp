@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Enumeration attribute: a 32-bit value that policies name with the
 // client's table.
 #include <strings.h>

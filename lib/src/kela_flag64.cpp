@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // 64-bit flag attribute: policies only set bits, with "assign"; which bits a
 // text stands for is the client's parse callback's business.
 #include "kela_register.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Library start-up (the error domain), the message record it logs with,
 // location merging, and the instance builder every constructor uses.
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Helpers shared by every source file of the library: C-heap ownership,
 // verifier messages, the value slot and route record accessors, and the
 // one way compiled instances are made.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // IPv4 address attribute: an address and a prefix length at offsets of the
 // route record, and "pfxmatch" over four constants.
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // MAC address attribute: a 6-byte address that the client's callback
 // produces, "macaddrmatch" against a list, and the dotted text form.
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Number texts shared by the integer widths and by the address types, which
 // parse their lengths and bounds with the same converter.
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // IP addresses, prefixes and match entries: parsing, printing, the
 // attribute's base functions, and single-prefix matching.
 #include "kela_callbacks.hpp"

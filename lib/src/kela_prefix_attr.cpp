@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The prefix attribute: registration, the prefix-set operators with their
 // verifier, constructors and print, the client's extra operators, the setter
 // "assign", the refusing retriever, and prefix-list decoding.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The registration recipe, written once.  Every type describes what it
 // registers in a TypeSpec table (base functions, operators, setter,
 // retriever, their argument-type lists and the numbers that identify each

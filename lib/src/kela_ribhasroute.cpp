@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The "rib-has-route" attribute: does the routing table hold a route for an
 // entry of a prefix set?  "in" asks the routing-table client while a route
 // is evaluated; "async" hands the question to the asynchronous policy client

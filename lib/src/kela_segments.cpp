@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The parameter segment list: a cursor over "arg<i>:<n>"-headed segments of
 // a flat parameter vector.
 #include <cctype>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The C++ side of the parameter segment list: an owning walker that hands
 // each segment's arguments to a callback.
 #ifndef KELA_SEGMENTS_HPP

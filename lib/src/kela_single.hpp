@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The single-constant pattern shared by the scalar types (integers,
 // enumerations, bit-masked values, 64-bit flags): an operator or setter
 // with one constant parameter, converted by the constructor into the first

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The "track" attribute: is a tracked object up or down?  The update
 // function registers interest with the asynchronous policy client; the
 // compare reads the state it computes.

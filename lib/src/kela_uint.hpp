@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Unsigned integer attributes of 8, 16 and 32 bits, written once.
 //
 // A width is described by a small traits record:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // 16-bit unsigned integer attribute.
 #include "kela_uint.hpp"
 

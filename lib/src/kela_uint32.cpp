@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // 32-bit unsigned integer attribute, the only width with "matches-any".
 #include "kela_uint.hpp"
 

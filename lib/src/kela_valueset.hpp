@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Value sets: a list of 32-bit constants, one single-argument segment each,
 // compiled into a value block (a 32-bit count followed by the values in
 // ascending order) that travels in a private copy of the descriptor.  The

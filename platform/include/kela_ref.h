@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Reference platform: the attribute framework as a small working policy
  * engine.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Test hooks of the reference platform: a trace of the platform calls made,
  * fault injection, and capture of logged messages.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * Reference platform: the routing state behind the routing-table client and
  * the asynchronous policy client.  Routes and tracked objects are changed

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Address text conversion over the C library's inet_pton/inet_ntop, and the
 // IPv4 prefix-range rule.
 #include <arpa/inet.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The platform B-tree, as a thin layer over std::map whose nodes come from
 // the allocation callbacks the tree was given.  The trees hold a handful of
 // evaluation keys each; a well-kept balanced tree gives the same ordered

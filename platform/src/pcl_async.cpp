@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The asynchronous policy client: rib-has-route requests answered from the
 // routing table and answered anew when routes change, and tracked objects
 // whose state changes reach the interested requesters.

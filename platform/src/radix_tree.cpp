@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Radix tree over prefixes: a path-compressed binary trie whose nodes live
 // in the entries' own headers, so inserting allocates nothing and a lookup
 // reads one node per branching level.

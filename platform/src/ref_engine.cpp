@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The engine side of the framework: statements compiled from policy texts
 // through the registered verifiers and constructors, evaluated against route
 // records, and released through the registered free functions.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Error-code library (domains and their texts) and message facility.
 #include <cstdarg>
 #include <cstdio>

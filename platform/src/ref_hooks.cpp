@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Test hooks: call trace, fault injection, log capture.  Inactive hooks cost
 // one atomic load per platform call.
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Compiled instances: what constructors make and attach functions to.
 // Releasing an instance never touches its instance context.
 #include "ref_internal.hpp"

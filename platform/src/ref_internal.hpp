@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Internals of the reference framework: the records behind the opaque
 // handles, the registry, and the hook entry every platform operation makes.
 #ifndef KREF_INTERNAL_HPP

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What client modules register: attributes, locations, base functions,
 // operators, setters, retrievers and their argument-type lists.
 #include <cstring>

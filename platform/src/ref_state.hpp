@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Links between the engine, the routing table, the asynchronous client and
 // the B-tree: route changes reach the requests, and a finished evaluation's
 // requests and request-tree entries are released.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The routing table behind the routing-table client: per connection
 // (family) and table, one ordered map of routes per prefix length.  Exact
 // lookups are one map search; "any route under P/n with a length from n to

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sorted array of 32-bit values: binary-search insert into caller-provided
 // room, binary-search lookup.
 #include "sorted_array.h"

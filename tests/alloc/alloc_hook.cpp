@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "alloc_hook.hpp"
 
 #include <dlfcn.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Counting and failing allocator for tests that link the static library
 // with -Wl,--wrap for malloc, calloc, realloc and strdup: every allocation
 // the library (or the test itself) makes goes through these hooks.

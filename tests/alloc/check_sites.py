@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Proves that the allocation-failure sweep reaches every allocation site of
 the library.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Allocation behaviour of the library, counted and failed through the
 // wrapped allocator: evaluation allocates nothing, and every allocation
 // point of the operations below fails cleanly (documented status, no leak,

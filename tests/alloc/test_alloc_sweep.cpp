@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every allocation of every type's registration, verifiers, constructors,
 // set builds, prints, decoding and updates fails in turn: each failing run
 // must end in a documented status (or a null text), leave no instance and

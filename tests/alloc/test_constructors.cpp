@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every constructor of every registered operator, setter and retriever (and
 // the retriever constructors that clients may register themselves), taken
 // from the framework's registry so that no operator is left out because it

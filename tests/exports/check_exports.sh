@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The shared library exports exactly the names listed in lib/exports.txt,
 # and the public header declares every one of them.
 # Usage: check_exports.sh LIBRARY SOURCE_DIR

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs a build with cmake --install --prefix DIR (a prefix other than the
 # configured one) and into a DESTDIR stage, then builds and runs the C
 # consumer against each through pkg-config and find_package.

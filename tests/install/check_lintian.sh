@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # lintian over the packages the package test built (their .changes file):
 # any error or warning fails; info and pedantic tags are shown.  Exit 77
 # (skipped) when lintian is not installed or no packages were built.

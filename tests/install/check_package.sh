@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the Debian packages from a copy of the tree (cmake/build-debs.sh),
 # unpacks them into a throw-away root with dpkg -x, and builds and runs the C
 # consumer against that root through pkg-config and find_package.  A second

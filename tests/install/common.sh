@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Shared by the install and package tests (sourced): counted steps, and the
 # C consumer (examples/consumer) built both ways against an installed tree.
 # The sourcing script sets src (source tree) and work (scratch directory).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Shared helpers of the library tests: owned parameter vectors with value
 // slots, trace access, and a fixture that leaves the reference framework
 // clean between tests.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The IPv4 address attribute ("pfxmatch" over four constants) and the MAC
 // address attribute ("macaddrmatch" over a list), with their converters.
 #include <arpa/inet.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The types whose texts the client defines: enumeration (a name table),
 // bit-masked values (client converter, mask word) and 64-bit flags (client
 // parse callback, mask in the descriptor).

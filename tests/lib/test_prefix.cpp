@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The prefix attribute: parsing and printing of addresses, prefixes and
 // match entries; single-prefix matching; prefix sets compiled into
 // trees (against a linear scan of the single-prefix rule); registration,

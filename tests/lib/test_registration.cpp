@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The registration recipe as every type runs it, seen from the framework:
 // order of calls, location merging, stop at the first failure with its
 // message, ownership of argument lists, and the range entry points.

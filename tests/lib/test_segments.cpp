@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The parameter segment list, and the 32-bit "matches-any" value sets that
 // walk it.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Routing-state attributes against the reference routing table and
 // asynchronous client: rib-has-route "in" and "async", track "is".
 #include <arpa/inet.h>

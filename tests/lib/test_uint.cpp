@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The unsigned integer attributes, all three widths: conversion, the
 // verifier's order of checks and messages, the constructors' status orders,
 // width-exact reads and writes, print, retriever, and constructors that

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Mutation testing: how many small, plausible faults do the tests catch?
 
 A deterministic sample of mutants of the library's sources (optionally the

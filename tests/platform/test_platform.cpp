@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The reference platform on its own, driven by a small attribute type
 // written here: what the registry keeps and refuses, how statements are laid
 // out and compiled, evaluation order, ownership of instance contexts, the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The radix tree against an independent reference (the entries kept per
 // length in a map), for both key widths and the shapes its lookup index has
 // to handle, with the repeated bounded lookups the prefix sets make.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The routing table, the B-tree and the asynchronous client on their own.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Library start-up.  The start-up flag is process-wide and is set by the
 // first registration of a process, so each case runs in a child process of
 // its own, and nothing here registers in the parent.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds the thread tests under ThreadSanitizer and runs them: a data race
 # is a failure.  Usage: check_tsan.sh SOURCE_DIR
 set -u

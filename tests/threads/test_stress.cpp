@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The routing state under four threads at once: requests registered
 // directly and by rib-has-route "async" evaluations, routes added and
 // removed, resets, and "async" statements compiled side by side.  When a

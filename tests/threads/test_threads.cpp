@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One compiled instance of every operator and setter (the bundled example
 // policy) evaluated from four threads at once must give exactly the
 // single-threaded outcomes.  Built under ThreadSanitizer by

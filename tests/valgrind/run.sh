@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the test programs of a build without sanitizers under valgrind's
 # memcheck: any error or leak fails.  The largest randomised cases are left
 # to the sanitizer builds, where they run in seconds rather than hours.

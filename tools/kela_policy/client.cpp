@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The built-in client module of kela-policy: attribute registration, route
 // parsing in the three input forms and route output.
 #include "client.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The built-in client module of kela-policy: a route record with an
 // attribute of every type, its registration with the library, route input
 // (readable text, JSON Lines and `bgpdump -m` lines) and route output in the

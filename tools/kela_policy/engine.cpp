@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Route evaluation, explanations, hit counts and per-route output.
 #include "engine.hpp"
 

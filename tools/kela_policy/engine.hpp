@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Evaluation of routes against a compiled policy: the verdict, the changed
 // attributes, the explanation of every condition (with the set entry that
 // matched), hit counts, and the output line of each route.  One Engine is

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Line input of kela-policy through read(2); see lines.hpp.
 #include "lines.hpp"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Line input of kela-policy.  Files, pipes, FIFOs and standard input are read
 // once, front to back, through read(2): a read error is reported as an error
 // instead of looking like the end of the input, and nothing is ever read a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // kela-policy: runs route policies over route streams with the library's
 // attribute types on the reference platform.  Commands: run, check, eval,
 // show; the man page (kela-policy.1) describes them.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The kela-policy language: statements, named sets and list files, and the
 // compilation of each condition and action through the reference framework.
 #include "policy.hpp"

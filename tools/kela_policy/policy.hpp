@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The policy language of kela-policy and its compilation through the
 // reference framework (which calls the library's verifiers and
 // constructors).

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Writes a small MRT TABLE_DUMP_V2 file (RFC 6396) for kela-policy's
 bgpdump test: a PEER_INDEX_TABLE with three peers, then RIB_IPV4_UNICAST and
 RIB_IPV6_UNICAST records whose entries carry the path attributes of RFC 4271
