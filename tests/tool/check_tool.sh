@@ -161,6 +161,58 @@ tracked object without state|rule r\n  if track uplink9 is up\n  accept|tracked 
 set destination address|rule r\n  set destination 10.0.0.0\n  accept|'set destination 10.0.0.0' gives the route the host prefix 10.0.0.0/32
 CASES
   ;;
+hostile)
+  cd "$work" || exit 1
+  # Compile time grows linearly with the rules: 8 times the rules may take
+  # at most 20 times as long (a quadratic step would take 64 times).
+  gen() { python3 -c "import sys; n=int(sys.argv[1]); sys.stdout.write(''.join('rule r%d\n  if metric le %d\n  accept\n' % (i, i) for i in range(n)))" "$1"; }
+  gen 2500 >small.kp; gen 20000 >big.kp
+  t0=$(date +%s%N); "$tool" check small.kp >/dev/null; t1=$(date +%s%N); "$tool" check big.kp >/dev/null; t2=$(date +%s%N)
+  small=$(( (t1 - t0) / 1000000 )) big=$(( (t2 - t1) / 1000000 ))
+  if [ $big -le $(( 20 * small )) ]; then ok; else bad "20000 rules took ${big} ms, 2500 rules ${small} ms"; fi
+  # JSON output is valid UTF-8 whatever bytes the input holds.
+  printf 'rule caf\xe9\n  if metric le 5\n  accept\nrule \xff\xfe\n  accept\n' >utf.kp
+  printf 'dest=10.0.0.0/8 metric=1\ndest=10.0.0.0/8 metric=\xc3\n' >utf.txt
+  "$tool" run --quiet --format json --explain --set-hits utf.kp utf.txt >out.jsonl 2>err.jsonl
+  if python3 -c '
+import json, sys
+for f in sys.argv[1:]:
+    for line in open(f, encoding="utf-8", errors="strict"):
+        json.loads(line)
+' out.jsonl err.jsonl && [ -s err.jsonl ]; then ok; else bad "JSON output is not valid UTF-8 JSON"; fi
+  # A huge token is quoted cut short, in route and policy errors alike.
+  python3 -c 'print("dest=10.0.0.0/8 metric=" + "9" * 10000000)' >long.txt
+  python3 -c 'print("rule r\n  if destination pfxmatch { " + "1" * 1000000 + " }\n  accept")' >long.kp
+  "$tool" run --quiet utf.kp long.txt >/dev/null 2>err
+  [ "$(wc -c <err)" -lt 300 ] && grep -q "(10000000 bytes)" err && ok || bad "route error of $(wc -c <err) bytes"
+  "$tool" check long.kp >/dev/null 2>err
+  [ "$(wc -c <err)" -lt 300 ] && ok || bad "policy error of $(wc -c <err) bytes"
+  # --explain shows a long list by its size, not its entries.
+  python3 -c 'print("rule r\n  if destination pfxmatch { " + ", ".join("10.%d.0.0/16" % i for i in range(200)) + " }\n  accept")' >list.kp
+  "$tool" run --quiet --explain list.kp <(echo dest=10.150.0.0/16) >out
+  grep -q '(200 entries) = true (entry 10.150.0.0/16)' out && [ "$(wc -c <out)" -lt 400 ] && ok || bad "explain: $(head -c 300 out)"
+  ;;
+jobs)
+  # --jobs 2 prints what --jobs 1 prints, on a large generated input, in
+  # every output form, with the routing table read from the routes.
+  cd "$src" || exit 1
+  python3 -c '
+import random
+r = random.Random(7)
+for i in range(30000):
+    a, b = r.randrange(256), r.randrange(256)
+    print("dest=%d.%d.%d.0/24 metric=%d tag=%d pref=%d origin=%s community=65000:%d" % (
+        r.choice([10, 172, 198, 203]), a, b, r.choice([5, 10, 15, 42, 100, 4000]), r.randrange(200),
+        r.randrange(60), r.choice(["igp", "egp"]), r.randrange(4)))
+' >"$work/routes.txt"
+  for opts in "" "--format json --explain" "--output routes" "--set-hits"; do
+    # shellcheck disable=SC2086
+    "$tool" run --quiet --track uplink1=up $opts --jobs 1 examples/policy.kp "$work/routes.txt" >"$work/one" 2>&1
+    # shellcheck disable=SC2086
+    "$tool" run --quiet --track uplink1=up $opts --jobs 2 examples/policy.kp "$work/routes.txt" >"$work/two" 2>&1
+    if [ "$(wc -l <"$work/one")" -gt 5000 ] && cmp -s "$work/one" "$work/two"; then ok; else bad "--jobs 2 differs ($opts)"; fi
+  done
+  ;;
 sets)
   # A prefix list gives the same verdicts written in the condition, as a
   # named set (on one line or many, with comments), from a plain list file,
