@@ -101,19 +101,28 @@ inline void release_value(shared_kela_prefix_addr_td &v) {
 
 // ---- the prefix-set match context ---------------------------------------------
 
-// Tree entry: the entries filed under one key (also the wild list,
-// whose key is not used).  A tree entry is made with its first entry record
-// in the same allocation, right after the key: most keys hold just one, and
-// a lookup then finds it on the lines it already reads.
+// Tree entry: the entries filed under one key (also the wild list, whose
+// key is not used).  A tree entry carries its first entry record right
+// after this header, and the tree reads the key from that record's address
+// (its bits past the key length do not count): most keys hold a single
+// entry, and a lookup then finds all it reads in two cache lines.  The tree
+// entries of a set lie in one block, in key order (96 bytes an IPv4 key,
+// 112 an IPv6 one).
 struct shared_kela_prefix_info_td {
     radix_node hdr;
-    shared_kela_prefix_matchspec_td **specs;  // `first` while it holds one entry
-    shared_kela_prefix_matchspec_td *first;   // room for the usual single entry
+    shared_kela_prefix_matchspec_td **specs;  // &first while it holds one entry
     std::int32_t count;
-    std::uint8_t first_inline;  // `first` lives in this allocation: never freed alone
+    std::uint8_t flags;  // kFirstInside, kInBlock
     std::uint8_t keylen;
-    std::uint8_t key[];
+    shared_kela_prefix_matchspec_td *first;
 };
+
+namespace kela::prefix {
+// `first` lives in the tree entry itself: never freed alone.
+inline constexpr std::uint8_t kFirstInside = 1;
+// The tree entry lies in its set's block: freed with the block.
+inline constexpr std::uint8_t kInBlock = 2;
+}  // namespace kela::prefix
 
 // One wildcard mask of a family, with the tree of its entries.
 struct shared_kela_prefix_list_node {
@@ -141,6 +150,7 @@ struct shared_kela_prefix_match_ctx_td {
     shared_kela_prefix_get_value_fn get_value;
     shared_kela_prefix_cmp_td cmp;
     char *print_ctx;
+    void *block;  // the tree entries of both families
 };
 
 namespace kela::prefix {

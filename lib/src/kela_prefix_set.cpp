@@ -22,9 +22,10 @@ using Ctx = shared_kela_prefix_match_ctx_td;
 void info_free(void *entry) {
     auto *info = static_cast<Info *>(entry);
     if (info == nullptr) return;
-    for (std::int32_t i = info->first_inline; i < info->count; ++i) free_spec(info->specs[i]);
+    for (std::int32_t i = (info->flags & kFirstInside) != 0 ? 1 : 0; i < info->count; ++i)
+        free_spec(info->specs[i]);
     if (info->specs != &info->first) std::free(info->specs);
-    std::free(info);
+    if ((info->flags & kInBlock) == 0) std::free(info);
 }
 
 void acl_entry_free(void *entry) {
@@ -50,6 +51,8 @@ void free_lists(MaskNode **anchor) {
 void teardown(Ctx *ctx) {
     rn_tree_destroy(&ctx->v4_head);
     rn_tree_destroy(&ctx->v6_head);
+    std::free(ctx->block);  // the tree entries, once the trees have let go of them
+    ctx->block = nullptr;
     info_free(ctx->v4_wild);
     info_free(ctx->v6_wild);
     free_lists(ctx->v4_lists);
@@ -90,8 +93,9 @@ vogno info_add_matchspec(Info *info, shared_kela_prefix_matchspec_td **spec, std
     } else {
         const std::size_t n = static_cast<std::size_t>(info->count) + 1;
         auto **grown = static_cast<shared_kela_prefix_matchspec_td **>(
-            info->specs == &info->first ? std::malloc(n * sizeof(shared_kela_prefix_matchspec_td *))
-                                        : std::realloc(info->specs, n * sizeof(shared_kela_prefix_matchspec_td *)));
+            info->specs == &info->first
+                ? std::malloc(n * sizeof(shared_kela_prefix_matchspec_td *))
+                : std::realloc(info->specs, n * sizeof(shared_kela_prefix_matchspec_td *)));
         if (grown == nullptr) return KEL_SHARED_ERR_NO_MEMORY;
         if (info->specs == &info->first) grown[0] = info->first;
         grown[info->count++] = s;
@@ -99,20 +103,6 @@ vogno info_add_matchspec(Info *info, shared_kela_prefix_matchspec_td **spec, std
     }
     if (upper != 0) s->le = upper;
     return 0;
-}
-
-// The key of a length-form entry: its address cut to
-// min(len, ge, le) bits.
-void compute_key(Info *info, const shared_kela_prefix_matchspec_td *spec) {
-    const std::uint8_t keylen = std::min({spec->len, spec->ge, spec->le});
-    const std::size_t bytes = shared_kela_prefix_key_bytes(spec->family);
-    info->keylen = keylen;
-    std::memcpy(info->key, spec->addr, bytes);
-    const std::size_t full = keylen / 8;
-    if (full < bytes) {
-        info->key[full] &= partial_byte_mask(keylen % 8);
-        std::memset(info->key + full + 1, 0, bytes - full - 1);
-    }
 }
 
 // A new mask node for the entry's mask, put at the front of its
@@ -171,91 +161,126 @@ std::uint8_t upper_bound(const Ctx *ctx, std::uint8_t family) {
     return longer ? shared_kela_prefix_key_len(family) : 0;
 }
 
-// Where a tree entry of the family keeps its first entry record.
-std::size_t inline_spec_offset(std::uint8_t family) {
-    constexpr std::size_t align = alignof(shared_kela_prefix_matchspec_td);
-    return (offsetof(Info, key) + shared_kela_prefix_key_bytes(family) + align - 1) / align * align;
+// A tree entry of the family: header, then its first entry record, padded
+// so that the next one is 16-aligned.
+constexpr std::size_t tree_entry_bytes(std::uint8_t family) {
+    return (sizeof(Info) + offsetof(shared_kela_prefix_matchspec_td, addr) +
+            (family == kV4 ? 4 : 16) + 15) /
+           16 * 16;
+}
+static_assert(tree_entry_bytes(kV4) == 96 && tree_entry_bytes(kV6) == 112);
+
+shared_kela_prefix_matchspec_td *inside_spec(Info *info) {
+    return reinterpret_cast<shared_kela_prefix_matchspec_td *>(info + 1);
 }
 
-// A new tree entry holding its first entry record, which is copied from
-// `parsed`; null when it cannot be allocated.
-Info *new_record(Ctx *ctx, const shared_kela_prefix_matchspec_td *parsed) {
-    const std::uint8_t family = parsed->family;
-    const std::size_t at = inline_spec_offset(family);
-    auto *info = static_cast<Info *>(std::calloc(1, at + spec_bytes(family)));
-    if (info == nullptr) return nullptr;
-    auto *first = reinterpret_cast<shared_kela_prefix_matchspec_td *>(
-        reinterpret_cast<unsigned char *>(info) + at);
-    std::memcpy(first, parsed, spec_bytes(family));
-    info->first_inline = 1;
-    compute_key(info, parsed);
-    // A new record takes its first entry in place, which cannot fail.
-    info_add_matchspec(info, &first, upper_bound(ctx, family));
-    return info;
-}
+// Where the tree reads a tree entry's key and its length.
+constexpr std::size_t kKeyOffset = sizeof(Info) + offsetof(shared_kela_prefix_matchspec_td, addr);
 
-// Files a new record in its tree.  A key already filed refuses the insert:
-// the entry then joins the record that holds it, in a record of its own,
-// and `info` is released.
-vogno file_record(Ctx *ctx, kela::CPtr<Info> info) {
-    const shared_kela_prefix_matchspec_td *first = info->first;
-    radix_head *tree = family_head(ctx, first->family);
-    if (rn_insert(tree, info.get()) == 0) {
-        info.release();
-        return 0;
-    }
-    auto *held = static_cast<Info *>(rn_search(tree, info->key, info->keylen));
-    if (held == nullptr) return KEL_SHARED_ERR_TREE_INSERT;
-    SpecPtr spec = copy_spec(first);
-    if (!spec) return KEL_SHARED_ERR_NO_MEMORY;
-    shared_kela_prefix_matchspec_td *raw = spec.release();
-    vogno st = info_add_matchspec(held, &raw, upper_bound(ctx, first->family));
-    if (st != 0) free_spec(raw);
-    return st;
-}
-
-// New length-form records wait here until every entry is read, then go into
-// their trees in key order: each insert then finds most of its path still in
-// the cache from the one before, where random order pays a cache miss at
-// nearly every level of a large tree.  The sort is stable, so entries of one
-// key join their record in the order they were given.
+// Length-form entries of one family wait here, as parsed, until every entry
+// is read; then they become tree entries laid out in one block in key order,
+// and go into their tree in that order: each insert finds most of its path
+// still in the cache from the one before, and a set costs one allocation
+// for all its keys instead of one each.  The sort is stable, so entries of
+// one key keep the order they were given in.
 class Pending {
   public:
     Pending() = default;
     Pending(const Pending &) = delete;
     Pending &operator=(const Pending &) = delete;
-    ~Pending() {
-        for (std::size_t i = 0; i < n_; ++i) info_free(items_[i].info);
-        std::free(items_);
-    }
+    ~Pending() { std::free(items_); }
 
-    // Takes `info` (also when it fails: then it is released).
-    vogno push(Info *info) {
+    vogno push(const shared_kela_prefix_matchspec_td *parsed) {
         if (n_ == cap_) {
             const std::size_t cap = cap_ == 0 ? 64 : cap_ * 2;
             auto *grown = static_cast<Item *>(std::realloc(items_, cap * sizeof(Item)));
-            if (grown == nullptr) {
-                info_free(info);
-                return KEL_SHARED_ERR_NO_MEMORY;
-            }
+            if (grown == nullptr) return KEL_SHARED_ERR_NO_MEMORY;
             items_ = grown;
             cap_ = cap;
         }
         Item &it = items_[n_++];
-        it.info = info;
+        it.keylen = std::min({parsed->len, parsed->ge, parsed->le});
+        it.len = parsed->len;
+        it.ge = parsed->ge;
+        it.le = parsed->le;
+        std::memset(it.addr, 0, sizeof it.addr);
+        std::memcpy(it.addr, parsed->addr, shared_kela_prefix_key_bytes(parsed->family));
+        // The key (the address cut to keylen) as two big-endian words, so
+        // that byte order is number order.
         it.word[0] = it.word[1] = 0;
-        // The key as two big-endian words, so that byte order is number order.
-        for (unsigned i = 0; i < shared_kela_prefix_key_bytes(info->first->family); ++i)
-            it.word[i / 8] |= std::uint64_t{info->key[i]} << (56 - 8 * (i % 8));
+        for (unsigned i = 0; i < 16 && 8 * i < it.keylen; ++i) {
+            std::uint8_t b = it.addr[i];
+            if (8 * (i + 1) > it.keylen) b &= partial_byte_mask(it.keylen % 8);
+            it.word[i / 8] |= std::uint64_t{b} << (56 - 8 * (i % 8));
+        }
         return 0;
     }
 
-    // Files every record, in key order.
-    vogno file_all(Ctx *ctx) {
-        if (vogno st = sort(); st != 0) return st;
-        for (std::size_t i = 0; i < n_; ++i) {
-            kela::CPtr<Info> info(std::exchange(items_[i].info, nullptr));
-            if (vogno st = file_record(ctx, std::move(info)); st != 0) return st;
+    std::size_t keys() const {
+        std::size_t n = 0;
+        for (std::size_t i = 0; i < n_; ++i) n += i == 0 || !same_key(items_[i - 1], items_[i]);
+        return n;
+    }
+
+    vogno sort() {
+        if (n_ < 2) return 0;
+        kela::CPtr<Item> spare(static_cast<Item *>(std::malloc(n_ * sizeof(Item))));
+        if (!spare) return KEL_SHARED_ERR_NO_MEMORY;
+        Item *from = items_, *to = spare.get();
+        // Least significant first: the key length, then the key's bytes
+        // from the last; a column that all keys share needs no pass (the
+        // tail of most keys is zeros).
+        for (int column = 16; column >= 0; --column) {
+            auto digit = [column](const Item &it) -> unsigned {
+                if (column == 16) return it.keylen;
+                return (it.word[column / 8] >> (56 - 8 * (column % 8))) & 0xFF;
+            };
+            std::size_t count[256] = {};
+            for (std::size_t i = 0; i < n_; ++i) ++count[digit(from[i])];
+            if (count[digit(from[0])] == n_) continue;
+            std::size_t at = 0;
+            for (std::size_t &c : count) at += std::exchange(c, at);
+            for (std::size_t i = 0; i < n_; ++i) to[count[digit(from[i])]++] = from[i];
+            std::swap(from, to);
+        }
+        if (from != items_) std::memcpy(items_, from, n_ * sizeof(Item));
+        return 0;
+    }
+
+    // Lays the sorted entries out as tree entries from `at` on, one per
+    // key, and inserts them into the family's tree; `at` moves past them.
+    vogno file(Ctx *ctx, std::uint8_t family, unsigned char *&at) const {
+        radix_head *tree = family_head(ctx, family);
+        const std::uint8_t upper = upper_bound(ctx, family);
+        for (std::size_t i = 0; i < n_;) {
+            auto *info = reinterpret_cast<Info *>(at);
+            at += tree_entry_bytes(family);
+            info->flags = kFirstInside | kInBlock;
+            info->keylen = items_[i].keylen;
+            shared_kela_prefix_matchspec_td *first = inside_spec(info);
+            fill(items_[i], family, first);
+            // A new tree entry takes its first entry in place, which cannot
+            // fail.
+            info_add_matchspec(info, &first, upper);
+            for (++i; i < n_ && same_key(items_[i - 1], items_[i]); ++i) {
+                SpecPtr spec = alloc_spec(family);
+                if (!spec) {
+                    info_free(info);
+                    return KEL_SHARED_ERR_NO_MEMORY;
+                }
+                fill(items_[i], family, spec.get());
+                shared_kela_prefix_matchspec_td *raw = spec.release();
+                if (vogno st = info_add_matchspec(info, &raw, upper); st != 0) {
+                    free_spec(raw);
+                    info_free(info);
+                    return st;
+                }
+            }
+            // One tree entry per key and length: the tree cannot refuse it.
+            if (rn_insert(tree, info) != 0) {
+                info_free(info);
+                return KEL_SHARED_ERR_TREE_INSERT;
+            }
         }
         return 0;
     }
@@ -263,44 +288,57 @@ class Pending {
   private:
     struct Item {
         std::uint64_t word[2];
-        Info *info;
+        std::uint8_t keylen, len, ge, le;
+        std::uint8_t addr[16];
     };
 
-    // Least significant byte first, one stable counting pass per byte;
-    // passes over a byte that all keys share are skipped (the tail of most
-    // keys is zeros).
-    vogno sort() {
-        if (n_ < 2) return 0;
-        kela::CPtr<Item> spare(static_cast<Item *>(std::malloc(n_ * sizeof(Item))));
-        if (!spare) return KEL_SHARED_ERR_NO_MEMORY;
-        Item *from = items_, *to = spare.get();
-        for (int byte = 15; byte >= 0; --byte) {
-            const unsigned shift = 56 - 8 * static_cast<unsigned>(byte % 8);
-            const int w = byte / 8;
-            std::size_t count[256] = {};
-            for (std::size_t i = 0; i < n_; ++i) ++count[(from[i].word[w] >> shift) & 0xFF];
-            if (count[(from[0].word[w] >> shift) & 0xFF] == n_) continue;
-            std::size_t at = 0;
-            for (std::size_t &c : count) at += std::exchange(c, at);
-            for (std::size_t i = 0; i < n_; ++i) to[count[(from[i].word[w] >> shift) & 0xFF]++] = from[i];
-            std::swap(from, to);
-        }
-        if (from != items_) std::memcpy(items_, from, n_ * sizeof(Item));
-        return 0;
+    static bool same_key(const Item &a, const Item &b) {
+        return a.keylen == b.keylen && a.word[0] == b.word[0] && a.word[1] == b.word[1];
+    }
+
+    static void fill(const Item &it, std::uint8_t family, shared_kela_prefix_matchspec_td *spec) {
+        spec->family = family;
+        spec->len = it.len;
+        spec->ge = it.ge;
+        spec->le = it.le;
+        spec->mask = nullptr;
+        spec->is_acl = 0;
+        std::memcpy(spec->addr, it.addr, shared_kela_prefix_key_bytes(family));
     }
 
     Item *items_ = nullptr;
     std::size_t n_ = 0, cap_ = 0;
 };
 
+// The length-form entries of both families, waiting to be filed.
+struct PendingSet {
+    Pending v4, v6;
+
+    Pending &of(std::uint8_t family) { return family == kV4 ? v4 : v6; }
+
+    // Every waiting entry into its tree, the tree entries in one block.
+    vogno file_all(Ctx *ctx) {
+        if (vogno st = v4.sort(); st != 0) return st;
+        if (vogno st = v6.sort(); st != 0) return st;
+        const std::size_t n4 = v4.keys(), n6 = v6.keys();
+        if (n4 + n6 == 0) return 0;
+        ctx->block = std::calloc(1, n4 * tree_entry_bytes(kV4) + n6 * tree_entry_bytes(kV6));
+        if (ctx->block == nullptr) return KEL_SHARED_ERR_NO_MEMORY;
+        auto *at = static_cast<unsigned char *>(ctx->block);
+        if (vogno st = v4.file(ctx, kV4, at); st != 0) return st;
+        return v6.file(ctx, kV6, at);
+    }
+};
+
 // Parses one entry of the vector and files it: wild and address/mask
 // entries at once, length-form entries into `pending`.
-vogno add_entry(Ctx *ctx, Pending &pending, const char *a1, const char *a2, const char *a3,
+vogno add_entry(Ctx *ctx, PendingSet &pending, const char *a1, const char *a2, const char *a3,
                 const char *a4, bool acl) {
     SpecPtr spec;
     if (acl) {
         shared_kela_prefix_matchspec_td *raw = nullptr;
-        if (vogno st = shared_kela_prefix_cvt_string_to_matchspec_acl(a1, a2, a3, a4, &raw); st != 0)
+        if (vogno st = shared_kela_prefix_cvt_string_to_matchspec_acl(a1, a2, a3, a4, &raw);
+            st != 0)
             return st;
         spec.reset(raw);
     } else {
@@ -310,11 +348,8 @@ vogno add_entry(Ctx *ctx, Pending &pending, const char *a1, const char *a2, cons
         SpecRoom room;
         if (vogno st = parse_length_form(a1, a2, a3, a4, room.spec()); st != 0) return st;
         const shared_kela_prefix_matchspec_td *parsed = room.spec();
-        if (!all_zero(parsed->addr, shared_kela_prefix_key_bytes(parsed->family))) {
-            Info *info = new_record(ctx, parsed);
-            if (info == nullptr) return KEL_SHARED_ERR_NO_MEMORY;
-            return pending.push(info);
-        }
+        if (!all_zero(parsed->addr, shared_kela_prefix_key_bytes(parsed->family)))
+            return pending.of(parsed->family).push(parsed);
         spec = copy_spec(parsed);
         if (!spec) return KEL_SHARED_ERR_NO_MEMORY;
     }
@@ -350,8 +385,8 @@ shared_kela_prefix_info_td *family_wild(Ctx *ctx, std::uint8_t family) {
 vogno match_ctx_build(std::uint32_t count, char **params, Ctx *ctx) {
     if (static_cast<std::int32_t>(count) < 0) return 4;
     if (ctx->v4_head != nullptr || ctx->v6_head != nullptr) return 3;
-    ctx->v4_head = rn_tree_init(offsetof(Info, key), offsetof(Info, keylen), info_free);
-    ctx->v6_head = rn_tree_init(offsetof(Info, key), offsetof(Info, keylen), info_free);
+    ctx->v4_head = rn_tree_init(kKeyOffset, offsetof(Info, keylen), info_free);
+    ctx->v6_head = rn_tree_init(kKeyOffset, offsetof(Info, keylen), info_free);
     ctx->v4_wild = static_cast<Info *>(std::calloc(1, sizeof(Info)));
     ctx->v6_wild = static_cast<Info *>(std::calloc(1, sizeof(Info)));
     ctx->v4_lists = static_cast<MaskNode **>(std::calloc(1, sizeof(MaskNode *)));
@@ -369,7 +404,7 @@ vogno match_ctx_build(std::uint32_t count, char **params, Ctx *ctx) {
         return KEL_SHARED_ERR_BAD_VALUE;
     }
     vogno st = 0;
-    Pending pending;
+    PendingSet pending;
     kela::WalkEnd end = segs.each(
         4,
         [&](char **a) {
@@ -392,6 +427,9 @@ namespace {
 // Whether any entry of the record accepts the value.
 bool any_accepts(const Info *info, shared_kela_prefix_addr_td *value,
                  shared_kela_prefix_cmp_td kind) {
+    // Most keys hold one entry: `first` names it without going through
+    // the array.
+    if (info->count == 1) return shared_kela_prefix_match(value, info->first, kind) != 0;
     for (std::int32_t i = 0; i < info->count; ++i)
         if (shared_kela_prefix_match(value, info->specs[i], kind) != 0) return true;
     return false;
@@ -412,8 +450,8 @@ bool set_accepts(Ctx *ctx, shared_kela_prefix_addr_td *value) {
         n = entry->keylen - 1u;
     }
 
-    const std::uint8_t bytes = shared_kela_prefix_key_bytes(value->family);
     MaskNode *first = value->family == kV4 ? *ctx->v4_lists : *ctx->v6_lists;
+    const std::uint8_t bytes = value->family == kV4 ? 4 : 16;
     for (MaskNode *node = first; node != nullptr; node = node->next) {
         // The probe lives on the stack: evaluation allocates nothing.
         std::uint8_t probe[16];

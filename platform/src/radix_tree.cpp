@@ -201,7 +201,7 @@ unsigned top_bits(std::size_t count) {
 
 // Bits [from, from + count) of a key of `len` bits as a number, bits past
 // `len` as zeros (count <= 32; no byte past the key's length is read).
-std::uint32_t bits_at(const std::uint8_t *key, unsigned len, unsigned from, unsigned count) {
+inline std::uint32_t bits_at(const std::uint8_t *key, unsigned len, unsigned from, unsigned count) {
     const unsigned end = len < from + count ? len : from + count;
     if (end <= from) return 0;
     const unsigned first = from / 8, n = (end + 7) / 8 - first;  // 1 to 5 bytes
