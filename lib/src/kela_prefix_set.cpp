@@ -177,12 +177,19 @@ shared_kela_prefix_matchspec_td *inside_spec(Info *info) {
 // Where the tree reads a tree entry's key and its length.
 constexpr std::size_t kKeyOffset = sizeof(Info) + offsetof(shared_kela_prefix_matchspec_td, addr);
 
+// Room for a sort's second copy, one place for both families.
+void *sort_room(std::size_t bytes) {
+    return std::malloc(bytes);
+}
+
 // Length-form entries of one family wait here, as parsed, until every entry
 // is read; then they become tree entries laid out in one block in key order,
 // and go into their tree in that order: each insert finds most of its path
 // still in the cache from the one before, and a set costs one allocation
 // for all its keys instead of one each.  The sort is stable, so entries of
-// one key keep the order they were given in.
+// one key keep the order they were given in.  `Bytes` is the family's
+// address size: an IPv4 entry waits in 12 bytes.
+template <unsigned Bytes>
 class Pending {
   public:
     Pending() = default;
@@ -190,29 +197,34 @@ class Pending {
     Pending &operator=(const Pending &) = delete;
     ~Pending() { std::free(items_); }
 
+    // Room for n entries at once: growing by copies would touch the
+    // memory two or three times over.
+    vogno reserve(std::size_t n) {
+        if (n <= cap_) return 0;
+        auto *grown = static_cast<Item *>(std::realloc(items_, n * sizeof(Item)));
+        if (grown == nullptr) return KEL_SHARED_ERR_NO_MEMORY;
+        items_ = grown;
+        cap_ = n;
+        return 0;
+    }
+
     vogno push(const shared_kela_prefix_matchspec_td *parsed) {
         if (n_ == cap_) {
-            const std::size_t cap = cap_ == 0 ? 64 : cap_ * 2;
-            auto *grown = static_cast<Item *>(std::realloc(items_, cap * sizeof(Item)));
-            if (grown == nullptr) return KEL_SHARED_ERR_NO_MEMORY;
-            items_ = grown;
-            cap_ = cap;
+            if (vogno st = reserve(cap_ == 0 ? 64 : cap_ * 2); st != 0) return st;
         }
         Item &it = items_[n_++];
         it.keylen = std::min({parsed->len, parsed->ge, parsed->le});
         it.len = parsed->len;
         it.ge = parsed->ge;
         it.le = parsed->le;
-        std::memset(it.addr, 0, sizeof it.addr);
-        std::memcpy(it.addr, parsed->addr, shared_kela_prefix_key_bytes(parsed->family));
-        // The key (the address cut to keylen) as two big-endian words, so
-        // that byte order is number order.
-        it.word[0] = it.word[1] = 0;
-        for (unsigned i = 0; i < 16 && 8 * i < it.keylen; ++i) {
-            std::uint8_t b = it.addr[i];
-            if (8 * (i + 1) > it.keylen) b &= partial_byte_mask(it.keylen % 8);
-            it.word[i / 8] |= std::uint64_t{b} << (56 - 8 * (i % 8));
-        }
+        std::memcpy(it.addr, parsed->addr, Bytes);
+        // The key: the address cut to keylen.
+        for (unsigned i = 0; i < Bytes; ++i)
+            it.key[i] =
+                8 * (i + 1) <= it.keylen ? it.addr[i]
+                : 8 * i < it.keylen
+                    ? static_cast<std::uint8_t>(it.addr[i] & partial_byte_mask(it.keylen % 8))
+                    : 0;
         return 0;
     }
 
@@ -224,16 +236,15 @@ class Pending {
 
     vogno sort() {
         if (n_ < 2) return 0;
-        kela::CPtr<Item> spare(static_cast<Item *>(std::malloc(n_ * sizeof(Item))));
+        kela::CPtr<Item> spare(static_cast<Item *>(sort_room(n_ * sizeof(Item))));
         if (!spare) return KEL_SHARED_ERR_NO_MEMORY;
         Item *from = items_, *to = spare.get();
         // Least significant first: the key length, then the key's bytes
         // from the last; a column that all keys share needs no pass (the
         // tail of most keys is zeros).
-        for (int column = 16; column >= 0; --column) {
+        for (int column = Bytes; column >= 0; --column) {
             auto digit = [column](const Item &it) -> unsigned {
-                if (column == 16) return it.keylen;
-                return (it.word[column / 8] >> (56 - 8 * (column % 8))) & 0xFF;
+                return column == Bytes ? it.keylen : it.key[column];
             };
             std::size_t count[256] = {};
             for (std::size_t i = 0; i < n_; ++i) ++count[digit(from[i])];
@@ -287,13 +298,13 @@ class Pending {
 
   private:
     struct Item {
-        std::uint64_t word[2];
+        std::uint8_t key[Bytes];
+        std::uint8_t addr[Bytes];
         std::uint8_t keylen, len, ge, le;
-        std::uint8_t addr[16];
     };
 
     static bool same_key(const Item &a, const Item &b) {
-        return a.keylen == b.keylen && a.word[0] == b.word[0] && a.word[1] == b.word[1];
+        return a.keylen == b.keylen && std::memcmp(a.key, b.key, Bytes) == 0;
     }
 
     static void fill(const Item &it, std::uint8_t family, shared_kela_prefix_matchspec_td *spec) {
@@ -303,7 +314,7 @@ class Pending {
         spec->le = it.le;
         spec->mask = nullptr;
         spec->is_acl = 0;
-        std::memcpy(spec->addr, it.addr, shared_kela_prefix_key_bytes(family));
+        std::memcpy(spec->addr, it.addr, Bytes);
     }
 
     Item *items_ = nullptr;
@@ -312,9 +323,12 @@ class Pending {
 
 // The length-form entries of both families, waiting to be filed.
 struct PendingSet {
-    Pending v4, v6;
+    Pending<4> v4;
+    Pending<16> v6;
 
-    Pending &of(std::uint8_t family) { return family == kV4 ? v4 : v6; }
+    vogno push(const shared_kela_prefix_matchspec_td *parsed) {
+        return parsed->family == kV4 ? v4.push(parsed) : v6.push(parsed);
+    }
 
     // Every waiting entry into its tree, the tree entries in one block.
     vogno file_all(Ctx *ctx) {
@@ -349,7 +363,7 @@ vogno add_entry(Ctx *ctx, PendingSet &pending, const char *a1, const char *a2, c
         if (vogno st = parse_length_form(a1, a2, a3, a4, room.spec()); st != 0) return st;
         const shared_kela_prefix_matchspec_td *parsed = room.spec();
         if (!all_zero(parsed->addr, shared_kela_prefix_key_bytes(parsed->family)))
-            return pending.of(parsed->family).push(parsed);
+            return pending.push(parsed);
         spec = copy_spec(parsed);
         if (!spec) return KEL_SHARED_ERR_NO_MEMORY;
     }
@@ -405,6 +419,13 @@ vogno match_ctx_build(std::uint32_t count, char **params, Ctx *ctx) {
     }
     vogno st = 0;
     PendingSet pending;
+    // An IPv4 set in one go: its texts name at most count / 5 entries.
+    // The IPv6 array grows as it needs to.
+    // (Failing here is failing to file an entry: status 4, as below.)
+    if (pending.v4.reserve(count / 5) != 0) {
+        teardown(ctx);
+        return 4;
+    }
     kela::WalkEnd end = segs.each(
         4,
         [&](char **a) {
