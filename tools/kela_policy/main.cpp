@@ -4,6 +4,7 @@
 // show; the man page (kela-policy.1) describes them.
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <condition_variable>
 #include <cstdio>
@@ -11,13 +12,11 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <unordered_set>
 #include <vector>
-
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
 #include "client.hpp"
 #include "engine.hpp"
@@ -50,19 +49,21 @@ struct Options {
 // Standard output through write(2), so that a failed write (a full disk,
 // /dev/full) is seen and reported instead of lost.
 class Out {
-public:
+  public:
     bool put(std::string_view s) {
         while (!s.empty() && errno_ == 0) {
             const ssize_t n = ::write(STDOUT_FILENO, s.data(), s.size());
             if (n < 0 && errno == EINTR) continue;
-            if (n < 0) errno_ = errno;
-            else s.remove_prefix(static_cast<std::size_t>(n));
+            if (n < 0)
+                errno_ = errno;
+            else
+                s.remove_prefix(static_cast<std::size_t>(n));
         }
         return errno_ == 0;
     }
     int error() const { return errno_; }
 
-private:
+  private:
     int errno_ = 0;
 };
 Out g_out;
@@ -96,9 +97,8 @@ struct Reporter {
             if (column != 0) j["column"] = column;
             j["message"] = message;
             if (!note.empty()) j["note"] = note;
-            const std::string s =
-                nlohmann::ordered_json{{kind, j}}.dump(-1, ' ', false,
-                                                      nlohmann::json::error_handler_t::replace);
+            const std::string s = nlohmann::ordered_json{{kind, j}}.dump(
+                -1, ' ', false, nlohmann::json::error_handler_t::replace);
             std::fprintf(stderr, "%s\n", s.c_str());
             return;
         }
@@ -115,7 +115,8 @@ struct Reporter {
         return status;
     }
     // A route line's error, as one line for the batch's error text.
-    std::string route_error(const std::string &file, std::size_t line, const kp::RouteError &e) const {
+    std::string route_error(const std::string &file, std::size_t line,
+                            const kp::RouteError &e) const {
         if (json) {
             nlohmann::ordered_json j{{"file", file}, {"line", line}};
             if (e.column != 0) j["column"] = e.column;
@@ -126,8 +127,8 @@ struct Reporter {
         }
         // Column 0: the error is the line's as a whole.
         const std::string at = e.column != 0 ? ":" + std::to_string(e.column) : "";
-        return printable(file) + ":" + std::to_string(line) + at + ": error: " +
-               printable(e.message) + "\n";
+        return printable(file) + ":" + std::to_string(line) + at +
+               ": error: " + printable(e.message) + "\n";
     }
 };
 
@@ -184,8 +185,9 @@ int load_policy(const Options &o, const Reporter &rep, kp::Policy &policy) {
         return kPolicyError;
     }
     for (const kp::Diagnostic &d : policy.warnings)
-        rep.emit(o.werror ? "error" : "warning", d.where.file.empty() ? o.policy_file : d.where.file,
-                 d.where.line, d.where.column, d.message, d.note);
+        rep.emit(o.werror ? "error" : "warning",
+                 d.where.file.empty() ? o.policy_file : d.where.file, d.where.line, d.where.column,
+                 d.message, d.note);
     return 0;
 }
 
@@ -592,16 +594,15 @@ int cmd_eval(Options o, const Reporter &rep) {
             continue;
         }
         std::string p = r.substr(first);
-        if (p.find('/') == std::string::npos) p += p.find(':') != std::string::npos ? "/128" : "/32";
+        if (p.find('/') == std::string::npos)
+            p += p.find(':') != std::string::npos ? "/128" : "/32";
         lines.push_back("dest=" + p);
     }
     o.routes_file = "(argument)";
     return run_routes(o, rep, policy, &lines);
 }
 
-}  // namespace
-
-int main(int argc, char **argv) {
+int run_main(int argc, char **argv) {
     Options o;
     CLI::App app{"kela-policy: run route policies built from the kela-shared attribute types",
                  "kela-policy"};
@@ -643,8 +644,7 @@ int main(int argc, char **argv) {
     run->add_flag("--quiet", o.quiet, "no progress indicator");
     run->add_flag("--parse-only", o.parse_only, "read and parse the routes, evaluate nothing");
     run->add_flag("--set-hits", o.set_hits, "count the hits of every set entry");
-    run->add_option("--output", o.output,
-                    "verdicts, or the accepted routes in their input format")
+    run->add_option("--output", o.output, "verdicts, or the accepted routes in their input format")
         ->check(CLI::IsMember({"verdicts", "routes"}))
         ->capture_default_str();
     run->add_option("--jobs,-j", o.jobs, "evaluate on N threads")
@@ -681,4 +681,19 @@ int main(int argc, char **argv) {
     if (*show) return cmd_show(o, rep);
     if (*eval) return cmd_eval(o, rep);
     return cmd_run(o, rep);
+}
+
+}  // namespace
+
+// What escapes (memory exhausted, a library exception) ends the run with a
+// message instead of an abort.
+int main(int argc, char **argv) {
+    try {
+        return run_main(argc, argv);
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "kela-policy: %s\n", e.what());
+    } catch (...) {
+        std::fprintf(stderr, "kela-policy: unexpected failure\n");
+    }
+    return kIoError;
 }

@@ -9,9 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <unordered_set>
-
 #include <nlohmann/json.hpp>
+#include <unordered_set>
 
 #include "client.hpp"
 #include "kela_shared.h"
@@ -98,7 +97,9 @@ std::string join(const std::vector<Token> &t, std::size_t from, std::size_t to) 
     return s;
 }
 
-PolicyError located(const Token &t, std::string m) { return {t.line, t.column, std::move(m), "", ""}; }
+PolicyError located(const Token &t, std::string m) {
+    return {t.line, t.column, std::move(m), "", ""};
+}
 
 // One prefix entry as the four texts the operators take: address, length
 // (or wildcard mask), ge, le.
@@ -180,8 +181,9 @@ void check_host_bits(const std::vector<std::string> &entry, const Where &w,
     if (!host) return;
     char text[64];
     inet_ntop(v6 ? AF_INET6 : AF_INET, net, text, sizeof text);
-    warnings.push_back({w, quote(entry[0] + "/" + entry[1]) + " has host bits set and matches no route",
-                        "did you mean " + std::string(text) + "/" + entry[1] + "?"});
+    warnings.push_back(
+        {w, quote(entry[0] + "/" + entry[1]) + " has host bits set and matches no route",
+         "did you mean " + std::string(text) + "/" + entry[1] + "?"});
 }
 
 // Splits "{ a, b c, d }" (or a single item without braces) into items;
@@ -234,8 +236,8 @@ bool split_items(const std::vector<Token> &t, std::size_t from,
 }
 
 // Parses the entries of a list written in the policy into `list`.
-bool list_entries(const std::vector<std::vector<Token>> &items, Policy &policy,
-                  ValueList &list, PolicyError &err) {
+bool list_entries(const std::vector<std::vector<Token>> &items, Policy &policy, ValueList &list,
+                  PolicyError &err) {
     for (const auto &item : items) {
         // A set's name stands for its entries.
         if (item.size() == 1 && !item[0].quoted) {
@@ -244,8 +246,8 @@ bool list_entries(const std::vector<std::vector<Token>> &items, Policy &policy,
                 const ValueList &s = *policy.sets[hit->second];
                 if (s.prefixes != list.prefixes) {
                     err = located(item[0], quote(s.name) + " is a " +
-                                               (s.prefixes ? "prefix-set" : "value-set") +
-                                               "; a " + (list.prefixes ? "prefix" : "value") +
+                                               (s.prefixes ? "prefix-set" : "value-set") + "; a " +
+                                               (list.prefixes ? "prefix" : "value") +
                                                " list is expected here");
                     return false;
                 }
@@ -419,8 +421,8 @@ bool plain_list(const std::string &file, const std::string &text, ValueList &lis
             if (from < t.size() && t[from].text == "seq") from += 2;
             if (from >= t.size()) return true;  // "no ip prefix-list NAME" and the like
             if (t[from].text != "permit") {
-                err = located(t[from], "only 'permit' entries can be read, found " +
-                                           quote(t[from].text));
+                err = located(t[from],
+                              "only 'permit' entries can be read, found " + quote(t[from].text));
                 err.file = file;
                 return ok = false;
             }
@@ -453,13 +455,13 @@ bool plain_list(const std::string &file, const std::string &text, ValueList &lis
 }
 
 class Parser {
-public:
+  public:
     Parser(Policy &p, PolicyError &e, const ParseOptions &o) : policy_(p), err_(e), opts_(o) {}
 
     bool statement(const std::vector<Token> &t);
     bool finish();
 
-private:
+  private:
     bool fail(const Token &t, const std::string &m) {
         err_ = located(t, m);
         return false;
@@ -507,7 +509,8 @@ bool Parser::set_definition(const std::vector<Token> &t) {
         const bool json = first != std::string::npos && (text[first] == '{' || text[first] == '[');
         if (!(json ? json_list(path, text, *list, err_) : plain_list(path, text, *list, err_)))
             return false;
-        if (list->items.empty()) return fail(t[3], "the list file " + quote(path) + " has no entries");
+        if (list->items.empty())
+            return fail(t[3], "the list file " + quote(path) + " has no entries");
     } else {
         if (t[2].text != "{" || t[2].quoted) return fail(t[2], "expected '{' or 'from'");
         std::vector<std::vector<Token>> items;
@@ -632,8 +635,7 @@ bool Parser::statement(const std::vector<Token> &t) {
         a.setter = "assign";
         std::size_t v = 2;
         if (t[2].text == "assign") ++v;
-        if (v + 1 != t.size())
-            return fail(v < t.size() ? t[v] : t.back(), "expected one value");
+        if (v + 1 != t.size()) return fail(v < t.size() ? t[v] : t.back(), "expected one value");
         if (kref_attr_find(a.attr.c_str()) == nullptr)
             return fail(t[1], "unknown attribute " + quote(a.attr));
         a.items = {{t[v].text}};
@@ -657,23 +659,25 @@ bool Parser::statement(const std::vector<Token> &t) {
         if (t.size() != 2 || (t[1].text != "accept" && t[1].text != "reject"))
             return fail(t[0], "expected: default accept|reject");
         if (default_line_ != 0)
-            policy_.warnings.push_back({{"", t[0].line, t[0].column},
-                                        "a second 'default' replaces the one at line " +
-                                            std::to_string(default_line_),
-                                        ""});
+            policy_.warnings.push_back(
+                {{"", t[0].line, t[0].column},
+                 "a second 'default' replaces the one at line " + std::to_string(default_line_),
+                 ""});
         policy_.default_accept = t[1].text == "accept";
         default_line_ = t[0].line;
     } else {
-        return fail(t[0], "expected rule, if, set, accept, reject, default, prefix-set or "
-                          "value-set; found " +
-                              quote(kw));
+        return fail(t[0],
+                    "expected rule, if, set, accept, reject, default, prefix-set or "
+                    "value-set; found " +
+                        quote(kw));
     }
     return true;
 }
 
 bool Parser::finish() {
     if (open_ != nullptr) {
-        err_ = {open_->line, 1, "rule '" + open_->name + "' has no verdict (accept or reject)", "", ""};
+        err_ = {open_->line, 1, "rule '" + open_->name + "' has no verdict (accept or reject)", "",
+                ""};
         return false;
     }
     return true;
@@ -743,7 +747,8 @@ std::string plain_note(const std::string &attr, const std::string &op, const std
         return quote(attr) + " cannot be used at '" + location + "' (see --at)";
     if (op == "assign" && (attr == "destination" || attr == "nexthop"))
         return "'set " + attr + "' takes an address without a length";
-    if (has("Type not supported at this attachpoint") || (msg.empty() && st == KEL_SHARED_ERR_BAD_VALUE)) {
+    if (has("Type not supported at this attachpoint") ||
+        (msg.empty() && st == KEL_SHARED_ERR_BAD_VALUE)) {
         if (attr == "community") return "a community is AS:N, both numbers from 0 to 65535";
         if (attr == "origin") return "origin is igp, egp or incomplete";
         if (attr == "flags")
@@ -767,7 +772,6 @@ std::string plain_note(const std::string &attr, const std::string &op, const std
     return {};
 }
 
-
 // Numbers the library's converter would wrap (a minus sign) or truncate
 // (above 32 bits) instead of refusing.
 void check_numbers(const std::string &attr, const std::vector<std::vector<std::string>> &items,
@@ -790,8 +794,13 @@ void check_numbers(const std::string &attr, const std::vector<std::vector<std::s
             if (shared_kela_uint32_cvt_string(text.c_str(), nullptr, 1, &v) != 0) continue;
             const std::string max = bits == 32 ? "4294967295" : std::to_string((1ull << bits) - 1);
             warnings.push_back({where != nullptr && i < where->size() ? (*where)[i] : at,
-                                quote(text) + " is outside " + attr + "'s range 0 - " + max +
-                                    ": the library reads it as " + std::to_string(v),
+                                quote(text)
+                                    .append(" is outside ")
+                                    .append(attr)
+                                    .append("'s range 0 - ")
+                                    .append(max)
+                                    .append(": the library reads it as ")
+                                    .append(std::to_string(v)),
                                 ""});
         }
     }
