@@ -294,10 +294,10 @@ class IndexBuilder {
             ((reinterpret_cast<std::uintptr_t>(e) - base_) >> scale_) + 1);
     }
     const radix_node *entry(std::uint32_t r) const {
-        return r == 0 ? nullptr
-                      : reinterpret_cast<const radix_node *>(
-                            base_ + ((std::uintptr_t{r & (kCheck - 1)} - 1)
-                                     << scale_));  // NOLINT(performance-no-int-to-ptr)
+        if (r == 0) return nullptr;
+        // Entries are named by their offset in the block.
+        const std::uintptr_t at = base_ + ((std::uintptr_t{r & (kCheck - 1)} - 1) << scale_);
+        return reinterpret_cast<const radix_node *>(at);  // NOLINT(performance-no-int-to-ptr)
     }
 
     // The table over bits [skip, skip + bits) for entries [lo, hi), all
@@ -525,6 +525,7 @@ RadixIndex *alloc_index(std::size_t bytes) {
             const std::uintptr_t aligned = (at + kHugePage - 1) & ~(kHugePage - 1);
             if (aligned > at) munmap(p, aligned - at);
             if (aligned + size < at + size + kHugePage)
+                // NOLINTNEXTLINE(performance-no-int-to-ptr): the mapping's own tail
                 munmap(reinterpret_cast<void *>(aligned + size), at + kHugePage - aligned);
             auto *mem = reinterpret_cast<void *>(aligned);  // NOLINT(performance-no-int-to-ptr)
             madvise(mem, size, MADV_HUGEPAGE);
