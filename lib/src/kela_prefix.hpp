@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Internals shared by the prefix sources (values, matching, prefix sets,
 // the attribute) and by the address types that parse the same texts.
 #ifndef KELA_PREFIX_HPP

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Prefix sets compiled for "pfxmatch", "pfxlonger" and "pfxorlonger": per
 // family a wild list (all-zero addresses, tried against every prefix), a
 // radix tree of length-form entries keyed by their shortest

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Prefix sets of routing-table shape against the single-entry rule applied
 // to every entry: IPv4 and IPv6, the three kinds, keys holding several
 // entries, long covering chains, dense and sparse regions, and queries under

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # End-to-end checks of kela-policy: golden outputs of the bundled example,
 # the validity of the JSON output, the corpus of bad inputs in bad/
 # (policies refused by the parser or a verifier, malformed route lines), and
