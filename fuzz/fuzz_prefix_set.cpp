@@ -2,6 +2,7 @@
 // Prefix sets built from fuzzed entries must answer every query exactly as
 // applying each entry's own rule does (the entries in turn, the first that
 // accepts wins).
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -53,47 +54,56 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     ++data;
     --size;
     std::vector<std::string> texts;
-    std::size_t n = 0;
-    for (std::size_t at = 0; at + 8 <= size && n < 64; at += 8, ++n) {
-        const std::uint8_t *e = data + at;
-        const bool v6 = (e[0] & 1) != 0, acl = (e[0] & 2) != 0;
-        std::uint8_t addr[16] = {};
-        addr[0] = e[1];
-        addr[1] = e[2];
-        addr[2] = e[3];
-        if (v6) addr[0] = 0x20 | (e[1] & 3);
-        const int max = v6 ? 128 : 32;
-        texts.push_back("arg" + std::to_string(n) + ":4");
-        texts.push_back(address(v6, addr));
-        if (acl) {
-            std::uint8_t mask[16] = {};
-            mask[1] = e[7];
-            mask[2] = 0xFF;
-            texts.push_back(address(v6, mask));
-            texts.push_back(std::to_string(e[5] % (max + 1)));
-            texts.push_back(std::to_string(e[6] % (max + 1)));
-        } else {
-            int len = e[4] % (max + 1), ge = e[5] % (max + 1), le = e[6] % (max + 1);
-            if (ge > le) std::swap(ge, le);
-            // The tree phase stops at an entry of key length 1 and so never
-            // tries one of key length 0 below it: the set and the one-by-one
-            // rule agree only without key length 1.
-            if (len == 1) len = 2;
-            if (ge == 1) ge = 2;
-            if (le == 1) le = 2;
-            if (ge > le) le = ge;
-            // Entries that share a key and bounds are kept once: they agree
-            // on the bits the rule compares only when le reaches the length
-            // and no bit beyond the length is set.
-            if (le < len) le = len;
-            for (int bit = len; bit < max; ++bit)
-                addr[bit / 8] &= static_cast<std::uint8_t>(~(0x80u >> (bit % 8)));
-            texts.back() = address(v6, addr);
-            texts.push_back(std::to_string(len));
-            texts.push_back(std::to_string(ge));
-            texts.push_back(std::to_string(le));
+    std::size_t n = 0, records = 0;
+    std::vector<std::array<std::uint8_t, 8>> drawn;  // every entry's bytes, queried below
+    // Each record gives 32 entries (itself and 31 neighbours in the
+    // same blocks), so that sets reach the size at which the radix trees
+    // build their lookup index.
+    for (std::size_t at = 0; at + 8 <= size && records < 32; at += 8, ++records)
+        for (std::uint8_t variant = 0; variant < 32; ++variant, ++n) {
+            std::array<std::uint8_t, 8> &e = drawn.emplace_back();
+            std::memcpy(e.data(), data + at, 8);
+            e[2] = static_cast<std::uint8_t>(e[2] ^ (variant * 37));
+            e[3] = static_cast<std::uint8_t>(e[3] ^ (variant << 3));
+            if (variant >= 16) e[4] = static_cast<std::uint8_t>(e[4] + variant / 4 - 3);
+            const bool v6 = (e[0] & 1) != 0, acl = (e[0] & 2) != 0;
+            std::uint8_t addr[16] = {};
+            addr[0] = e[1];
+            addr[1] = e[2];
+            addr[2] = e[3];
+            if (v6) addr[0] = 0x20 | (e[1] & 3);
+            const int max = v6 ? 128 : 32;
+            texts.push_back("arg" + std::to_string(n) + ":4");
+            texts.push_back(address(v6, addr));
+            if (acl) {
+                std::uint8_t mask[16] = {};
+                mask[1] = e[7];
+                mask[2] = 0xFF;
+                texts.push_back(address(v6, mask));
+                texts.push_back(std::to_string(e[5] % (max + 1)));
+                texts.push_back(std::to_string(e[6] % (max + 1)));
+            } else {
+                int len = e[4] % (max + 1), ge = e[5] % (max + 1), le = e[6] % (max + 1);
+                if (ge > le) std::swap(ge, le);
+                // The tree phase stops at an entry of key length 1 and so never
+                // tries one of key length 0 below it: the set and the one-by-one
+                // rule agree only without key length 1.
+                if (len == 1) len = 2;
+                if (ge == 1) ge = 2;
+                if (le == 1) le = 2;
+                if (ge > le) le = ge;
+                // Entries that share a key and bounds are kept once: they agree
+                // on the bits the rule compares only when le reaches the length
+                // and no bit beyond the length is set.
+                if (le < len) le = len;
+                for (int bit = len; bit < max; ++bit)
+                    addr[bit / 8] &= static_cast<std::uint8_t>(~(0x80u >> (bit % 8)));
+                texts.back() = address(v6, addr);
+                texts.push_back(std::to_string(len));
+                texts.push_back(std::to_string(ge));
+                texts.push_back(std::to_string(le));
+            }
         }
-    }
     std::vector<char *> vec;
     for (auto &t : texts) vec.push_back(t.data());
     std::vector<void *> slots(vec.size(), &texts);
@@ -117,10 +127,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
                  : shared_kela_prefix_cvt_string_to_matchspec(a[0], a[1], a[2], a[3], &s)) == 0)
             specs.push_back(s);
     }
-    for (std::size_t q = 0; q < n; ++q) {
-        const std::uint8_t *e = data + 8 * q;
+    // Every fourth entry's bytes make a query (the rule's scan is long).
+    for (std::size_t d = 0; d < drawn.size(); d += 4) {
+        const auto &e = drawn[d];
         Query query{static_cast<std::uint8_t>((e[0] & 1) ? 10 : 2), 0, {}};
-        std::memcpy(query.addr, e + 1, 3);
+        std::memcpy(query.addr, e.data() + 1, 3);
         if (query.family == 10) query.addr[0] = 0x20 | (e[1] & 3);
         query.len =
             static_cast<std::uint8_t>(e[4] % ((query.family == 10 ? 128 : 32) + 1) + (e[7] & 3));
