@@ -159,8 +159,8 @@ shared_kela_prefix_desc_td g_desc{"destination", get_value, nullptr, nullptr, 0}
 // length or up to 8 bits longer), half anywhere (IPv4: any unicast address;
 // IPv6: global unicast, 2000::/3) with a table-shaped length.
 std::vector<Query> make_queries(bool v6, const std::vector<Entry> &set, std::size_t n,
-                                unsigned seed) {
-    std::mt19937 rng(seed);
+                                unsigned state) {
+    std::mt19937 rng(state);
     std::vector<Query> out;
     std::unordered_set<std::string> seen;
     const int bytes = v6 ? 16 : 4, max = v6 ? 128 : 32;
