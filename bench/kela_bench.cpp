@@ -496,6 +496,19 @@ void BM_RadixLookup(benchmark::State &state) {
     state.counters["queries_per_pass"] = static_cast<double>(keys.size());
 }
 
+// What a first touch of new memory costs here: the allocator hands out
+// large blocks as fresh pages, and a build touches every byte of its set.
+void BM_FirstTouch(benchmark::State &state) {
+    constexpr std::size_t kBytes = std::size_t{64} << 20, kPage = 4096;
+    for (auto _ : state) {
+        auto *p = static_cast<char *>(std::malloc(kBytes));
+        for (std::size_t at = 0; at < kBytes; at += kPage) p[at] = 1;
+        benchmark::DoNotOptimize(p);
+        std::free(p);
+    }
+    state.counters["pages"] = static_cast<double>(kBytes / kPage);
+}
+
 void register_all() {
     for (const SetDef &d : kSets) {
         if (!available(d)) {
@@ -521,6 +534,7 @@ void register_all() {
             benchmark::RegisterBenchmark((std::string("parse/") + d.name).c_str(), BM_ParseOnly, &d)
                 ->Unit(benchmark::kMillisecond);
         }
+    benchmark::RegisterBenchmark("memory/first_touch", BM_FirstTouch)->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("any/set", BM_MatchesAny);
     benchmark::RegisterBenchmark("any/scan", BM_MatchesAnyLinear);
     benchmark::RegisterBenchmark("radix/insert", BM_RadixInsert)

@@ -132,6 +132,7 @@ set xlabel "entries in the set"
 set ylabel "ns per lookup"
 set logscale x
 set logscale y
+set xrange [500:2000000]
 set key left top
 set grid
 plot "$out/lookup.dat" using 1:2 with linespoints lw 2 title "IPv4, generated", \
