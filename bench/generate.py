@@ -107,6 +107,13 @@ def table(csv_path):
             out.write(e + "\n")
 
 
+def rules(n):
+    """n rules of one condition each: the compile cost per rule."""
+    out = sys.stdout
+    for i in range(n):
+        out.write(f"rule r{i}\n  if metric le {i}\n  accept\n")
+
+
 def read_set(path):
     """(address as int, length, bits) of every entry of a set file."""
     out = []
@@ -150,4 +157,4 @@ if __name__ == "__main__":
     elif kind == "routes-of":
         routes_of(sys.argv[2], int(sys.argv[3]))
     else:
-        {"policy": policy, "routes": routes}[kind](int(sys.argv[2]))
+        {"policy": policy, "routes": routes, "rules": rules}[kind](int(sys.argv[2]))

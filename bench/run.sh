@@ -111,17 +111,28 @@ time_of() {
     r=$({ /usr/bin/time -f '%U %S %e %M' "$@" >/dev/null; } 2>&1 | tail -1)
     read -r u s e m <<<"$r"
     local cpu
-    cpu=$(echo "$u + $s" | bc)
+    cpu=$(awk -v u="$u" -v s="$s" 'BEGIN { printf "%.2f", u + s }')
     if [ -z "$best_cpu" ] || [ "$(echo "$cpu < $best_cpu" | bc)" = 1 ]; then best_cpu=$cpu best_wall=$e rss=$m; fi
   done
   echo "$best_cpu $best_wall $rss"
 }
 read -r policy_cpu policy_wall policy_rss <<<"$(time_of ./"$build"/tools/kela-policy run --quiet "$out/policy.kp" "$out/routes.txt")"
+read -r jobs2_cpu jobs2_wall jobs2_rss <<<"$(time_of ./"$build"/tools/kela-policy run --quiet --jobs 2 "$out/policy.kp" "$out/routes.txt")"
 read -r parse_cpu parse_wall parse_rss <<<"$(time_of ./"$build"/tools/kela-policy run --quiet --parse-only "$out/policy.kp" "$out/routes.txt")"
+# Compile time against the number of rules: linear growth keeps a
+# 1,000,000-rule policy within seconds.
+compile_runs=
+for n in 125000 250000 500000 1000000; do
+  [ "$quick" = "--quick" ] && [ $n -gt 250000 ] && continue
+  python3 bench/generate.py rules $n >"$out/rules.kp"
+  read -r c_cpu c_wall c_rss <<<"$(time_of ./"$build"/tools/kela-policy check "$out/rules.kp")"
+  compile_runs+="${compile_runs:+, }{\"rules\": $n, \"cpu\": $c_cpu, \"wall\": $c_wall, \"rss_kb\": $c_rss}"
+done
+rm -f "$out/rules.kp"
 load_after=$(cut -d' ' -f1 /proc/loadavg)
-printf '{"routes": %s, "set": %s, "policy_cpu": %s, "policy_wall": %s, "policy_rss_kb": %s, "parse_cpu": %s, "parse_wall": %s, "parse_rss_kb": %s, "table_version": "%s", "load_before": %s, "load_after": %s}\n' \
+printf '{"routes": %s, "set": %s, "policy_cpu": %s, "policy_wall": %s, "policy_rss_kb": %s, "parse_cpu": %s, "parse_wall": %s, "parse_rss_kb": %s, "table_version": "%s", "load_before": %s, "load_after": %s, "compile": [%s], "jobs2_cpu": %s, "jobs2_wall": %s, "jobs2_rss_kb": %s}\n' \
   "$n_routes" "$n_set" "$policy_cpu" "$policy_wall" "$policy_rss" "$parse_cpu" "$parse_wall" "$parse_rss" \
-  "$table_version" "$load_before" "$load_after" >"$out/end_to_end.json"
+  "$table_version" "$load_before" "$load_after" "$compile_runs" "$jobs2_cpu" "$jobs2_wall" "$jobs2_rss" >"$out/end_to_end.json"
 
 python3 bench/report.py "$out/bench.json" "$out/misses.jsonl" "$out/end_to_end.json" docs/performance.md "$out"
 gnuplot <<GP
