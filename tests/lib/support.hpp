@@ -12,6 +12,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kela_ref.h"
@@ -85,12 +86,6 @@ inline std::vector<std::string> trace() {
     return out;
 }
 
-inline std::vector<std::string> logged() {
-    std::vector<std::string> out;
-    for (size_t i = 0; i < kref_log_count(); ++i) out.emplace_back(kref_log_at(i));
-    return out;
-}
-
 // Takes ownership of a malloc'd text; a variable holding it is cleared.
 inline std::string take(char *&&s) {
     std::string out = s != nullptr ? s : "<null>";
@@ -101,6 +96,60 @@ inline std::string take(char *&s) {
     std::string out = take(std::move(s));
     s = nullptr;
     return out;
+}
+
+// Compiles `op` of `attr` over items, each a list of texts: the status must
+// be `want`; the verifier's message goes to *msg.
+inline kref_stmt_t *compile(const char *attr, kref_kind_t kind, const char *op,
+                            const std::vector<std::vector<const char *>> &items, vogno want = 0,
+                            std::string *msg = nullptr, const char *location = nullptr) {
+    std::vector<kref_item_t> v;
+    for (const auto &e : items) v.push_back({static_cast<uint32_t>(e.size()), e.data()});
+    kref_stmt_t *stmt = nullptr;
+    char *m = nullptr;
+    EXPECT_EQ(kref_compile(attr, kind, op, location, v.size(), v.data(), &m, &stmt), want)
+        << attr << " " << (op ? op : "(retriever)");
+    std::string text = take(m);
+    if (msg != nullptr) *msg = text;
+    return stmt;
+}
+
+// Evaluates a compiled comparison: its outcome (-1 when none was stored).
+inline int32_t eval(kref_stmt_t *stmt, void *route, vogno want = 0,
+                    const kref_eval_rec_t *rec = nullptr) {
+    int32_t out = -1;
+    EXPECT_EQ(kref_eval(stmt, route, rec, &out), want);
+    return out;
+}
+
+// A verifier's status and message ("<null>" for none).
+struct Verdict {
+    vogno status;
+    std::string message;
+    bool operator==(const Verdict &) const = default;
+};
+inline std::ostream &operator<<(std::ostream &os, const Verdict &v) {
+    return os << "{0x" << std::hex << v.status << std::dec << ", \"" << v.message << "\"}";
+}
+// Runs a verifier over texts (null vector: none; the count defaults to the
+// number of texts).
+inline Verdict verify(rasf_verify_fn fn, void *desc, Params *p, int64_t count = -1) {
+    char *msg = nullptr;
+    const uint32_t n = count >= 0 ? static_cast<uint32_t>(count) : p != nullptr ? p->count() : 0;
+    const vogno st = fn(n, p != nullptr ? p->vec() : nullptr, desc, &msg);
+    return {st, take(msg)};
+}
+inline Verdict verify(rasf_verify_fn fn, void *desc, std::vector<std::optional<std::string>> texts,
+                      int64_t count = -1) {
+    Params p(texts);
+    return verify(fn, desc, &p, count);
+}
+
+// The instance's functions and context.
+inline kref_inst_info_t inst_info(rasf_inst_t *inst) {
+    kref_inst_info_t info{};
+    EXPECT_EQ(kref_inst_get(inst, &info), 0u);
+    return info;
 }
 
 // One attribute of every type, registered at every location: "u8", "u16",
@@ -133,21 +182,32 @@ struct EveryType {
     shared_kela_mac_address_desc_td mac{"mac", nullptr};
     shared_kela_rhr_desc_td rhr{"rib-has-route", nullptr};
 
+    static constexpr const char *kAttrs[] = {"u8", "u16", "u32", "en",  "bm",            "fl",
+                                             "px", "v4",  "mac", "rib-has-route", "track"};
+
+    // Registers one of them by name; a failure's message goes to buf.
+    vogno register_one(std::string_view name, char *buf = nullptr, int32_t len = 0) {
+        const char *const *l = kLocations;
+        if (name == "u8") return shared_kela_uint8_base_init(nullptr, buf, len, &u8);
+        if (name == "u16") return shared_kela_uint16_base_init(nullptr, buf, len, &u16);
+        if (name == "u32") return shared_kela_uint32_base_init(nullptr, buf, len, &u32);
+        if (name == "en") return shared_kela_enum_base_init_v2(nullptr, buf, len, &en, l, l, l, nullptr);
+        if (name == "bm")
+            return shared_kela_bitmasked_base_init_v2(nullptr, buf, len, &bm, l, l, l, nullptr);
+        if (name == "fl")
+            return shared_kela_flag64_base_init_v2(nullptr, buf, len, &fl, l, l, l, nullptr);
+        if (name == "px") return shared_kela_prefix_base_init(nullptr, buf, len, &px, l, l, l, nullptr);
+        if (name == "v4") return shared_kela_ipv4_base_init(nullptr, buf, len, &v4);
+        if (name == "mac")
+            return shared_kela_mac_address_base_init(nullptr, buf, len, &mac, l, l, l, nullptr);
+        if (name == "rib-has-route")
+            return shared_kela_rhr_base_init(nullptr, buf, len, &rhr, l, nullptr, nullptr, nullptr);
+        return shared_kela_track_base_init(nullptr, buf, len, nullptr, l, nullptr, nullptr, nullptr);
+    }
     // Registers them all; 0 when every registration succeeded.
     vogno register_all() {
-        const char *const *l = kLocations;
-        vogno st = shared_kela_uint8_base_init(nullptr, nullptr, 0, &u8);
-        st |= shared_kela_uint16_base_init(nullptr, nullptr, 0, &u16);
-        st |= shared_kela_uint32_base_init(nullptr, nullptr, 0, &u32);
-        st |= shared_kela_enum_base_init_v2(nullptr, nullptr, 0, &en, l, l, l, nullptr);
-        st |= shared_kela_bitmasked_base_init_v2(nullptr, nullptr, 0, &bm, l, l, l, nullptr);
-        st |= shared_kela_flag64_base_init_v2(nullptr, nullptr, 0, &fl, l, l, l, nullptr);
-        st |= shared_kela_prefix_base_init(nullptr, nullptr, 0, &px, l, l, l, nullptr);
-        st |= shared_kela_ipv4_base_init(nullptr, nullptr, 0, &v4);
-        st |= shared_kela_mac_address_base_init(nullptr, nullptr, 0, &mac, l, l, l, nullptr);
-        st |= shared_kela_rhr_base_init(nullptr, nullptr, 0, &rhr, l, nullptr, nullptr, nullptr);
-        st |=
-            shared_kela_track_base_init(nullptr, nullptr, 0, nullptr, l, nullptr, nullptr, nullptr);
+        vogno st = 0;
+        for (const char *name : kAttrs) st |= register_one(name);
         return st;
     }
 };
