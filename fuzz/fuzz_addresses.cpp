@@ -21,13 +21,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         std::free(s->mask);
         std::free(s);
     }
-    for (int family : {2, 10, 3}) {
-        for (int strict : {0, 1}) {
-            shared_kela_pfxmatch_td *r = nullptr;
-            if (shared_kela_pfxmatch_cvt_string(a, b, c, d, family, strict, &r) == 0) {
-                (void)shared_kela_ip_check_prefix(r->addr, (r->len + 7u) / 8u, r->len);
-                std::free(r);
-            }
+    for (int family : {2, 10, 3, -2, -10, -3}) {
+        shared_kela_pfxmatch_td *r = nullptr;
+        if (shared_kela_pfxmatch_cvt_string(a, b, c, d, std::abs(family), family > 0, &r) == 0) {
+            (void)shared_kela_ip_check_prefix(r->addr, (r->len + 7u) / 8u, r->len);
+            std::free(r);
         }
     }
     ip_addr_t ip;
@@ -38,11 +36,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         std::free(shared_kela_prefix_cvt_pfx_to_string(&p, 0));
     }
     // The MAC converter writes into exactly six bytes.
-    auto *mac = static_cast<std::uint8_t *>(std::malloc(6));
-    std::memset(mac, 0, 6);
+    auto *mac = static_cast<std::uint8_t *>(std::calloc(6, 1));
     (void)shared_kela_cvt_string_to_mac_address(a, mac);
-    std::free(
-        shared_kela_cvt_mac_address_to_string(mac, static_cast<std::uint8_t>(std::strlen(b))));
+    std::free(shared_kela_cvt_mac_address_to_string(mac, std::strlen(b) & 0xFF));
     std::free(mac);
     for (const char *p : t.ptrs)
         if (p != nullptr) (void)HextoInt(p[0]);

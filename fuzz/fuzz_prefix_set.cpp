@@ -2,6 +2,8 @@
 // Prefix sets built from fuzzed entries must answer every query exactly as
 // applying each entry's own rule does (the entries in turn, the first that
 // accepts wins).
+#include <arpa/inet.h>
+
 #include <array>
 #include <cstdlib>
 #include <cstring>
@@ -21,28 +23,14 @@ struct Query {
 
 vogno get_value(void *, void *route, shared_kela_prefix_addr_td *v, uint32_t *more) {
     auto *q = static_cast<Query *>(route);
-    v->family = q->family;
-    v->addr = q->addr;
-    v->len = q->len;
-    v->free_addr = 0;
+    *v = {q->family, q->addr, q->len, 0};
     *more = 0;
     return 0;
 }
 
 std::string address(bool v6, const std::uint8_t *b) {
-    if (!v6)
-        return std::to_string(b[0]) + "." + std::to_string(b[1]) + "." + std::to_string(b[2]) +
-               "." + std::to_string(b[3]);
-    static const char hex[] = "0123456789abcdef";
-    std::string s;
-    for (int i = 0; i < 16; i += 2) {
-        if (i) s += ':';
-        for (int j = i; j < i + 2; ++j) {
-            s += hex[b[j] >> 4];
-            s += hex[b[j] & 15];
-        }
-    }
-    return s;
+    char text[INET6_ADDRSTRLEN];
+    return inet_ntop(v6 ? AF_INET6 : AF_INET, b, text, sizeof text);
 }
 
 }  // namespace
@@ -68,9 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
             if (variant >= 16) e[4] = static_cast<std::uint8_t>(e[4] + variant / 4 - 3);
             const bool v6 = (e[0] & 1) != 0, acl = (e[0] & 2) != 0;
             std::uint8_t addr[16] = {};
-            addr[0] = e[1];
-            addr[1] = e[2];
-            addr[2] = e[3];
+            std::memcpy(addr, e.data() + 1, 3);
             if (v6) addr[0] = 0x20 | (e[1] & 3);
             const int max = v6 ? 128 : 32;
             texts.push_back("arg" + std::to_string(n) + ":4");
@@ -142,17 +128,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         if (query.len == 0) query.len = 1;
         shared_kela_prefix_addr_td v{query.family, query.addr, query.len, 0};
         int want = 0;
-        for (auto *s : specs) {
+        for (std::size_t i = 0; i < specs.size() && want == 0; ++i) {
+            shared_kela_prefix_matchspec_td *s = specs[i];
             bool zero = true;
             for (int b = 0; b < (s->family == 10 ? 16 : 4); ++b) zero = zero && s->addr[b] == 0;
-            const int m =
-                s->is_acl && !zero
-                    ? shared_kela_prefix_match_acl(&v, s)
-                    : shared_kela_prefix_match(&v, s, static_cast<shared_kela_prefix_cmp_td>(kind));
-            if (m) {
-                want = 1;
-                break;
-            }
+            want = s->is_acl && !zero ? shared_kela_prefix_match_acl(&v, s)
+                                      : shared_kela_prefix_match(
+                                            &v, s, static_cast<shared_kela_prefix_cmp_td>(kind));
         }
         std::int32_t got = -1;
         info.cmp(&query, info.count, info.slots, info.ctx, &got);
