@@ -65,20 +65,6 @@ class Named : public kt::FrameworkTest {
     alignas(8) uint32_t route_[6] = {};
 };
 
-// Flags have only "assign" and no base compare.
-TEST_F(Named, EachTypeDeclaresItsOwnOperators) {
-    for (auto [attr, cmps, sets, retrievers, base_cmp] : {std::tuple{"colour", 1u, 1u, 1u, true},
-                                                          {"community", 2u, 1u, 1u, true},
-                                                          {"flags", 0u, 1u, 0u, false}}) {
-        rasf_attr_t *a = kref_attr_find(attr);
-        EXPECT_EQ(
-            std::tuple(kref_attr_op_count(a, KREF_CMP), kref_attr_op_count(a, KREF_SET),
-                       kref_attr_op_count(a, KREF_RETR), kref_attr_base_cmp(a, nullptr) != nullptr),
-            std::tuple(cmps, sets, retrievers, base_cmp))
-            << attr;
-    }
-}
-
 // ---- enumeration --------------------------------------------------------------------
 
 TEST_F(Named, EnumNamesAreCaseInsensitiveAndTheFirstEntryWins) {

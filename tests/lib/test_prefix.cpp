@@ -18,6 +18,7 @@ namespace {
 
 using kt::Params;
 using kt::take;
+using kt::Verdict;
 
 // ---- helpers ---------------------------------------------------------------------
 
@@ -275,16 +276,11 @@ class PrefixAttr : public kt::FrameworkTest {
     shared_kela_prefix_desc_td desc_{"destination", get_value, set_value, extra_, 1};
 };
 
-// The operators, "assign", then the client's extra operators, with the
-// extra operator's entry as its context; no retriever.
-TEST_F(PrefixAttr, RegistersOperatorsSetterThenExtras) {
-    rasf_attr_t *attr = kref_attr_find("destination");
-    EXPECT_EQ(kref_attr_value_type(attr), nullptr);
-    EXPECT_EQ(std::tuple(kref_attr_op_count(attr, KREF_CMP), kref_attr_op_count(attr, KREF_SET),
-                         kref_attr_op_count(attr, KREF_RETR)),
-              std::tuple(4u, 1u, 0u));
+// A client's extra operator has its entry as context and its own locations.
+// (Which operators each type declares: tests/alloc's constructor table.)
+TEST_F(PrefixAttr, ExtraOperatorsKeepTheirEntryAndLocations) {
     kref_op_info_t info{};
-    ASSERT_EQ(kref_attr_op(attr, KREF_CMP, "is-default", &info), 0u);
+    ASSERT_EQ(kref_attr_op(kref_attr_find("destination"), KREF_CMP, "is-default", &info), 0u);
     EXPECT_EQ(info.desc, &extra_[0]);
     ASSERT_EQ(info.n_locations, 1u);
     EXPECT_STREQ(info.locations[0], "export");
@@ -329,8 +325,7 @@ TEST_F(PrefixAttr, DuplicatesShareOneEntryAndLongerKindsUseTheMaximum) {
              "8",      "8",        "arg2:4", "10.0.0.0", "8", "16",     "24"};
     rasf_inst_t *inst = nullptr;
     ASSERT_EQ(shared_kela_prefix_cmp_longer_cons(p.count(), p.vec(), p.slots(), &desc_, &inst), 0u);
-    kref_inst_info_t info{};
-    ASSERT_EQ(kref_inst_get(inst, &info), 0u);
+    kref_inst_info_t info = kt::inst_info(inst);
     auto *ctx = static_cast<shared_kela_prefix_match_ctx_td *>(info.ctx);
     uint8_t key[4] = {10, 0, 0, 0};
     auto *entry = static_cast<shared_kela_prefix_info_td *>(rn_search(ctx->v4_head, key, 8));
@@ -353,17 +348,13 @@ TEST_F(PrefixAttr, VerifierAndConstructorRefusals) {
     compile("pfxmatch", {{"10.0.0.0", "0.255.255.25x", "8", "8"}}, KEL_SHARED_ERR_BAD_VALUE);
 
     Params bad{"arg1:4", "10.0.0.0", "8", "8", "8"};
-    const char *const no_array = "Internal error:  no parameter array";
-    for (auto [n, vec, status, text] :
-         {std::tuple{bad.count(), bad.vec(), KEL_SHARED_ERR_BAD_VALUE,
-                     "Internal error:  malformed paramters"},
-          {5u, nullptr, KEL_SHARED_ERR_NULL_INPUT, no_array},
-          {0xFFFFFFFFu, bad.vec(), KEL_SHARED_ERR_NULL_INPUT, no_array},
-          {0u, nullptr, 0u, "<null>"}}) {
-        char *m = nullptr;
-        EXPECT_EQ(shared_kela_prefix_cmp_match_veri(n, vec, &desc_, &m), status) << n;
-        EXPECT_EQ(take(m), text) << n;
-    }
+    const Verdict no_array{KEL_SHARED_ERR_NULL_INPUT, "Internal error:  no parameter array"};
+    auto veri = shared_kela_prefix_cmp_match_veri;
+    EXPECT_EQ(kt::verify(veri, &desc_, &bad),
+              (Verdict{KEL_SHARED_ERR_BAD_VALUE, "Internal error:  malformed paramters"}));
+    EXPECT_EQ(kt::verify(veri, &desc_, nullptr, 5), no_array);
+    EXPECT_EQ(kt::verify(veri, &desc_, &bad, 0xFFFFFFFF), no_array);
+    EXPECT_EQ(kt::verify(veri, &desc_, nullptr, 0), (Verdict{0, "<null>"}));
 
     // Constructors: variables, missing descriptor, failed builds.
     auto cons = shared_kela_prefix_cmp_match_cons;
@@ -375,8 +366,7 @@ TEST_F(PrefixAttr, VerifierAndConstructorRefusals) {
     // (The other refusals and the failing platform calls: tests/alloc.)
     // The empty set matches nothing.
     ASSERT_EQ(cons(0, nullptr, nullptr, &desc_, &inst), 0u);
-    kref_inst_info_t info{};
-    ASSERT_EQ(kref_inst_get(inst, &info), 0u);
+    kref_inst_info_t info = kt::inst_info(inst);
     Route r{{v("10.0.0.0", 8)}};
     int32_t out = -1;
     EXPECT_EQ(info.cmp(&r, 0, nullptr, info.ctx, &out), 0u);
@@ -412,16 +402,11 @@ TEST_F(PrefixAttr, PrintsTheFirstEntry) {
 TEST_F(PrefixAttr, AssignRetrieverAndExtraOperatorRefusals) {
     auto veri = shared_kela_prefix_set_assign_veri;
     Params ok{"10.0.0.1"};
-    char *m = nullptr;
-    EXPECT_EQ(veri(1, ok.vec(), &desc_, &m), 0u);
-    EXPECT_EQ(take(m), vog_strerror(0)) << "a message even on success";
+    EXPECT_EQ(kt::verify(veri, &desc_, &ok), (Verdict{0, vog_strerror(0)}))
+        << "a message even on success";
     EXPECT_EQ(veri(2, ok.vec(), &desc_, nullptr), KEL_SHARED_ERR_PARAM_COUNT);
     EXPECT_EQ(veri(1, nullptr, &desc_, nullptr), KEL_SHARED_ERR_NULL_PARAM);
-    kref_stmt_t *stmt = nullptr;
-    const char *texts[] = {"10.0.0.1"};
-    kref_item_t item{1, texts};
-    ASSERT_EQ(kref_compile("destination", KREF_SET, "assign", "export", 1, &item, nullptr, &stmt),
-              0u);
+    kref_stmt_t *stmt = kt::compile("destination", KREF_SET, "assign", {{"10.0.0.1"}});
     EXPECT_EQ(take(kref_stmt_print(stmt)), "set destination 10.0.0.1");
     kref_stmt_free(stmt);
     rasf_inst_t *inst = nullptr;
@@ -433,8 +418,7 @@ TEST_F(PrefixAttr, AssignRetrieverAndExtraOperatorRefusals) {
     EXPECT_EQ(shared_kela_prefix_retr_veri(0, nullptr, &desc_, nullptr),
               KEL_SHARED_ERR_PARAMS_NOT_ALLOWED);
     ASSERT_EQ(shared_kela_prefix_retr_cons(0, nullptr, nullptr, &desc_, &inst), 0u);
-    kref_inst_info_t info{};
-    ASSERT_EQ(kref_inst_get(inst, &info), 0u);
+    kref_inst_info_t info = kt::inst_info(inst);
     EXPECT_EQ(info.ctx, nullptr);
     uint32_t got = 0;
     Route r;
@@ -442,11 +426,9 @@ TEST_F(PrefixAttr, AssignRetrieverAndExtraOperatorRefusals) {
               KEL_SHARED_ERR_PARAMS_NOT_ALLOWED);
     rasf_free_retriever_instance(inst);
 
-    const char *one[] = {"1"};
-    kref_item_t arg{1, one};
-    EXPECT_EQ(kref_compile("destination", KREF_CMP, "is-default", nullptr, 1, &arg, &m, &stmt),
-              KEL_SHARED_ERR_PARAM_COUNT);
-    EXPECT_EQ(take(m), "Parameters are not allowed !!!");
+    std::string msg;
+    compile("is-default", {{"1"}}, KEL_SHARED_ERR_PARAM_COUNT, &msg);
+    EXPECT_EQ(msg, "Parameters are not allowed !!!");
 }
 
 TEST_F(PrefixAttr, BasePrintAndCompare) {

@@ -194,64 +194,65 @@ TEST_P(FirstFailure, StopsWritesItsMessageAndReturnsItsStatus) {
     EXPECT_EQ(kref_attr_find(f.type) != nullptr, op != "rasf_kela_new");
 }
 
+const Injected kInjected[] = {
+    {"u8", "rasf_kela_new", 1, "rasf_kela_new:u8"},
+    {"u8", "rasf_kela_add_location", 2, "rasf_kela_add_location export to u8"},
+    {"u8", "rasf_kela_add_base_function_print", 1, "rasf_kela_add_base_function_print"},
+    {"u8", "rasf_kela_add_base_function_cmp", 1, "rasf_kela_add_base_function_cmp"},
+    {"u8", "rasf_kela_add_cmp", 2, "rasf_kela_add_cmp_function le to u8"},
+    {"u8", "rasf_kela_add_cmp_location", 3, "rasf_kela_add_cmp_location le to u8 location import"},
+    {"u8", "rasf_args_new", 1, "rasf_args_new at kela_uint8@919"},
+    {"u8", "rasf_args_single_add", 3, "rasf_args_single_add: uint32_t:1.0 at kela_uint8@952"},
+    {"u8", "rasf_kela_add_cmp_args", 1, "rasf_kela_add_cmp_args exact-match on u8"},
+    {"u8", "rasf_kela_add_set", 1, "rasf_kela_add_set_function assign to u8"},
+    {"u8", "rasf_kela_add_set_location", 1,
+     "rasf_kela_add_set_location assign to u8 location export"},
+    {"u8", "rasf_args_new", 4, "rasf_args_new at kela_uint8@967"},
+    {"u8", "rasf_args_single_add", 4, "rasf_args_single_add: uint32_t:1.0 at kela_uint8@968"},
+    {"u8", "rasf_kela_add_set_args", 1, "rasf_kela_add_set_args assign on u8"},
+    {"u8", "rasf_kela_add_retriever", 1, "rasf_kela_add_retriever_function (built-in) to u8"},
+    {"u8", "rasf_kela_add_retriever_location", 2,
+     "rasf_kela_add_retriever_location (built-in) to u8 location export"},
+    {"u8", "rasf_args_new", 5, "rasf_args_new at kela_uint8@983"},
+    {"u8", "rasf_kela_add_retriever_args", 1, "rasf_kela_add_retriever_args (built-in) on u8"},
+    {"u16", "rasf_args_new", 3, "rasf_args_new at kela_uint16@962"},
+    {"u16", "rasf_args_single_add", 4, "rasf_args_single_add: uint32_t:1.0 at kela_uint16@979"},
+    {"u16", "rasf_args_new", 5, "rasf_args_new at kela_uint16@994"},
+    {"u32", "rasf_args_new", 2, "rasf_args_new at kela_uint32@1295"},
+    {"u32", "rasf_args_infinite_add", 1,
+     "rasf_args_infinite_add: uint32_t:1.0 (0 ) at kela_uint32@1296"},
+    {"u32", "rasf_args_single_add", 2, "rasf_args_single_add: uint32_t:1.0 at kela_uint32@1312"},
+    {"u32", "rasf_args_new", 6, "rasf_args_new at kela_uint32@1359"},
+    {"u32", "rasf_kela_add_cmp_location", 3,
+     "rasf_kela_add_cmp_location matches-any to u32 location import"},
+    {"en", "rasf_args_single_add", 2, "rasf_args_single_add: uint32_t:1.0 at kela_enum@621"},
+    {"en", "rasf_args_new", 3, "rasf_args_new at kela_enum@634"},
+    {"bm", "rasf_args_new", 1, "rasf_args_new at kela_bitmasked@793"},
+    {"bm", "rasf_args_infinite_add", 1,
+     "rasf_args_infinite_add: uint32_t:1.0 (0 ) at kela_bitmasked@809"},
+    {"bm", "rasf_args_single_add", 2, "rasf_args_single_add: uint32_t:1.0 at kela_bitmasked@823"},
+    {"bm", "rasf_args_new", 4, "rasf_args_new at kela_bitmasked@837"},
+    {"fl", "rasf_args_new", 1, "rasf_args_new at kela_flag64@265"},
+    {"fl", "rasf_args_single_add", 1, "rasf_args_single_add: uint32_t:1.0 at kela_flag64@266"},
+    // The prefix type: its operators, "assign", then the descriptor's
+    // extra operator.
+    {"px", "rasf_args_new", 1, "rasf_args_new at kela_prefix@2859"},
+    {"px", "rasf_args_infinite_add", 2,
+     "rasf_args_infinite_add: uint32_t:1.0 (0 ) at kela_prefix@2878"},
+    {"px", "rasf_args_new", 3, "rasf_args_new at kela_prefix@2895"},
+    {"px", "rasf_args_single_add", 1, "rasf_args_single_add: ip_addr_t:1.0 at kela_prefix@2915"},
+    {"px", "rasf_args_new", 5, "rasf_args_new at kela_prefix@2938"},
+    {"px", "rasf_args_infinite_add", 4,
+     "rasf_args_infinite_add: uint32_t:1.0 (0 ) at kela_prefix@2939"},
+    // "pfxmatch" takes four lists; the failures name the first and the last.
+    {"v4", "rasf_args_single_add", 1, "rasf_args_single_add: ipv4_addr_t:1.0 at kela_ipv4@821"},
+    {"v4", "rasf_args_single_add", 4, "rasf_args_single_add: uint32_t:1.0 at kela_ipv4@824"},
+    {"rib-has-route", "rasf_args_new", 2, "rasf_args_new at kela_ribhasroute@1521"},
+    {"track", "rasf_args_n_add", 1, "rasf_args_n_add: : (1,3) at kela_track@317"},
+};
+
 INSTANTIATE_TEST_SUITE_P(
-    EveryType, FirstFailure,
-    ::testing::Values(
-        Injected{"u8", "rasf_kela_new", 1, "rasf_kela_new:u8"},
-        Injected{"u8", "rasf_kela_add_location", 2, "rasf_kela_add_location export to u8"},
-        Injected{"u8", "rasf_kela_add_base_function_print", 1, "rasf_kela_add_base_function_print"},
-        Injected{"u8", "rasf_kela_add_base_function_cmp", 1, "rasf_kela_add_base_function_cmp"},
-        Injected{"u8", "rasf_kela_add_cmp", 2, "rasf_kela_add_cmp_function le to u8"},
-        Injected{"u8", "rasf_kela_add_cmp_location", 3,
-                 "rasf_kela_add_cmp_location le to u8 location import"},
-        Injected{"u8", "rasf_args_new", 1, "rasf_args_new at kela_uint8@919"},
-        Injected{"u8", "rasf_args_single_add", 3, "rasf_args_single_add: uint32_t:1.0 at kela_uint8@952"},
-        Injected{"u8", "rasf_kela_add_cmp_args", 1, "rasf_kela_add_cmp_args exact-match on u8"},
-        Injected{"u8", "rasf_kela_add_set", 1, "rasf_kela_add_set_function assign to u8"},
-        Injected{"u8", "rasf_kela_add_set_location", 1,
-                 "rasf_kela_add_set_location assign to u8 location export"},
-        Injected{"u8", "rasf_args_new", 4, "rasf_args_new at kela_uint8@967"},
-        Injected{"u8", "rasf_args_single_add", 4, "rasf_args_single_add: uint32_t:1.0 at kela_uint8@968"},
-        Injected{"u8", "rasf_kela_add_set_args", 1, "rasf_kela_add_set_args assign on u8"},
-        Injected{"u8", "rasf_kela_add_retriever", 1, "rasf_kela_add_retriever_function (built-in) to u8"},
-        Injected{"u8", "rasf_kela_add_retriever_location", 2,
-                 "rasf_kela_add_retriever_location (built-in) to u8 location export"},
-        Injected{"u8", "rasf_args_new", 5, "rasf_args_new at kela_uint8@983"},
-        Injected{"u8", "rasf_kela_add_retriever_args", 1, "rasf_kela_add_retriever_args (built-in) on u8"},
-        Injected{"u16", "rasf_args_new", 3, "rasf_args_new at kela_uint16@962"},
-        Injected{"u16", "rasf_args_single_add", 4, "rasf_args_single_add: uint32_t:1.0 at kela_uint16@979"},
-        Injected{"u16", "rasf_args_new", 5, "rasf_args_new at kela_uint16@994"},
-        Injected{"u32", "rasf_args_new", 2, "rasf_args_new at kela_uint32@1295"},
-        Injected{"u32", "rasf_args_infinite_add", 1,
-                 "rasf_args_infinite_add: uint32_t:1.0 (0 ) at kela_uint32@1296"},
-        Injected{"u32", "rasf_args_single_add", 2, "rasf_args_single_add: uint32_t:1.0 at kela_uint32@1312"},
-        Injected{"u32", "rasf_args_new", 6, "rasf_args_new at kela_uint32@1359"},
-        Injected{"u32", "rasf_kela_add_cmp_location", 3,
-                 "rasf_kela_add_cmp_location matches-any to u32 location import"},
-        Injected{"en", "rasf_args_single_add", 2, "rasf_args_single_add: uint32_t:1.0 at kela_enum@621"},
-        Injected{"en", "rasf_args_new", 3, "rasf_args_new at kela_enum@634"},
-        Injected{"bm", "rasf_args_new", 1, "rasf_args_new at kela_bitmasked@793"},
-        Injected{"bm", "rasf_args_infinite_add", 1,
-                 "rasf_args_infinite_add: uint32_t:1.0 (0 ) at kela_bitmasked@809"},
-        Injected{"bm", "rasf_args_single_add", 2, "rasf_args_single_add: uint32_t:1.0 at kela_bitmasked@823"},
-        Injected{"bm", "rasf_args_new", 4, "rasf_args_new at kela_bitmasked@837"},
-        Injected{"fl", "rasf_args_new", 1, "rasf_args_new at kela_flag64@265"},
-        Injected{"fl", "rasf_args_single_add", 1, "rasf_args_single_add: uint32_t:1.0 at kela_flag64@266"},
-        // The prefix type: its operators, "assign", then the descriptor's
-        // extra operator.
-        Injected{"px", "rasf_args_new", 1, "rasf_args_new at kela_prefix@2859"},
-        Injected{"px", "rasf_args_infinite_add", 2,
-                 "rasf_args_infinite_add: uint32_t:1.0 (0 ) at kela_prefix@2878"},
-        Injected{"px", "rasf_args_new", 3, "rasf_args_new at kela_prefix@2895"},
-        Injected{"px", "rasf_args_single_add", 1, "rasf_args_single_add: ip_addr_t:1.0 at kela_prefix@2915"},
-        Injected{"px", "rasf_args_new", 5, "rasf_args_new at kela_prefix@2938"},
-        Injected{"px", "rasf_args_infinite_add", 4,
-                 "rasf_args_infinite_add: uint32_t:1.0 (0 ) at kela_prefix@2939"},
-        // "pfxmatch" takes four lists; the failures name the first and the last.
-        Injected{"v4", "rasf_args_single_add", 1, "rasf_args_single_add: ipv4_addr_t:1.0 at kela_ipv4@821"},
-        Injected{"v4", "rasf_args_single_add", 4, "rasf_args_single_add: uint32_t:1.0 at kela_ipv4@824"},
-        Injected{"rib-has-route", "rasf_args_new", 2, "rasf_args_new at kela_ribhasroute@1521"},
-        Injected{"track", "rasf_args_n_add", 1, "rasf_args_n_add: : (1,3) at kela_track@317"}),
+    EveryType, FirstFailure, ::testing::ValuesIn(kInjected),
     [](const ::testing::TestParamInfo<Injected> &info) {
         std::string name = std::string(info.param.type) + "_" + info.param.op + "_" +
                            std::to_string(info.param.nth);
@@ -303,17 +304,22 @@ TEST_F(Registration, RegisteredCallbacksAreTheExportedFunctions) {
     ASSERT_EQ(types.register_all(), 0u);
     auto fn = [](auto f) { return reinterpret_cast<const void *>(f); };
     const void *const skip = nullptr;  // a role whose function is not exported
-    // The base print and compare of each attribute.
-#define KT_BASE(A, T) \
-    std::tuple { A, fn(shared_kela_##T##_base_print), fn(shared_kela_##T##_base_cmp) }
-    for (auto [attr, print, cmp] :
-         {KT_BASE("u8", uint8), KT_BASE("u16", uint16), KT_BASE("u32", uint32),
-          KT_BASE("en", enum), KT_BASE("bm", bitmasked), KT_BASE("px", prefix),
-          KT_BASE("v4", ipv4), KT_BASE("mac", mac_address),
-          std::tuple{"fl", fn(shared_kela_flag64_base_print), skip}}) {
+    // The value type, base print and compare of each attribute (flags have
+    // no compare).
+    const char *const none = "(null)";
+#define KT_BASE(A, V, T) \
+    std::tuple { A, V, fn(shared_kela_##T##_base_print), fn(shared_kela_##T##_base_cmp) }
+    for (auto [attr, type, print, cmp] :
+         {KT_BASE("u8", "uint32_t", uint8), KT_BASE("u16", "uint32_t", uint16),
+          KT_BASE("u32", "uint32_t", uint32), KT_BASE("en", "uint32_t", enum),
+          KT_BASE("bm", "uint32_t", bitmasked), KT_BASE("px", none, prefix),
+          KT_BASE("v4", none, ipv4), KT_BASE("mac", none, mac_address),
+          std::tuple{"fl", "uint32_t", fn(shared_kela_flag64_base_print), skip}}) {
         rasf_attr_t *a = kref_attr_find(attr);
+        const char *value_type = kref_attr_value_type(a);
+        EXPECT_STREQ(value_type ? value_type : none, type) << attr;
         EXPECT_EQ(fn(kref_attr_base_print(a, nullptr)), print) << attr;
-        EXPECT_TRUE(cmp == skip || fn(kref_attr_base_cmp(a, nullptr)) == cmp) << attr;
+        EXPECT_EQ(fn(kref_attr_base_cmp(a, nullptr)), cmp) << attr;
     }
 #undef KT_BASE
     // The verifier, constructor and free function of each operator, setter
