@@ -31,28 +31,31 @@ TEST(SegmentList, WorkedExampleStepByStep) {
     kel_shared_sl_td *sl = kel_shared_sl_create(7, p.vec());
     ASSERT_NE(sl, nullptr);
     EXPECT_EQ(pos(sl), (Pos{0, 2, 1}));
-    EXPECT_EQ(text(kel_shared_sl_argument(sl)), "10");
-    EXPECT_EQ(kel_shared_sl_argument_index(sl), 0);
-    EXPECT_EQ(kel_shared_sl_argument_next(sl), nullptr);
-    EXPECT_EQ(pos(sl), (Pos{0, 2, 2}));
-    EXPECT_EQ(kel_shared_sl_segment_next(sl), 2);
-    EXPECT_EQ(pos(sl), (Pos{2, 5, 3}));
-    EXPECT_EQ(text(kel_shared_sl_argument(sl)), "20");
-    EXPECT_EQ(text(kel_shared_sl_argument_next(sl)), "30");
-    EXPECT_EQ(kel_shared_sl_argument_index(sl), 1);
-    EXPECT_EQ(kel_shared_sl_argument_next(sl), nullptr);
-    EXPECT_EQ(pos(sl), (Pos{2, 5, 5}));
-    EXPECT_EQ(kel_shared_sl_argument_next(sl), nullptr) << "never past the segment end";
-    EXPECT_EQ(pos(sl), (Pos{2, 5, 5}));
-    EXPECT_EQ(kel_shared_sl_segment_reset(sl), 2);
-    EXPECT_EQ(pos(sl), (Pos{2, 5, 3}));
-    EXPECT_EQ(kel_shared_sl_segment_next(sl), 1);
-    EXPECT_EQ(pos(sl), (Pos{5, 7, 6}));
-    EXPECT_EQ(text(kel_shared_sl_argument(sl)), "40");
-    EXPECT_EQ(kel_shared_sl_segment_next(sl), -1);
-    EXPECT_EQ(pos(sl), (Pos{5, 7, 6}));
-    EXPECT_EQ(kel_shared_sl_reset(sl), 1);
-    EXPECT_EQ(pos(sl), (Pos{0, 2, 1}));
+    // Each step: a call (a: argument, n: argument_next, i: argument_index,
+    // s: segment_next, r: segment_reset, R: reset), what it returns and the
+    // record after it.
+    auto call = [&](char c) -> std::string {
+        switch (c) {
+            case 'a': return text(kel_shared_sl_argument(sl));
+            case 'n': return text(kel_shared_sl_argument_next(sl));
+            case 'i': return std::to_string(kel_shared_sl_argument_index(sl));
+            case 's': return std::to_string(kel_shared_sl_segment_next(sl));
+            case 'r': return std::to_string(kel_shared_sl_segment_reset(sl));
+            default: return std::to_string(kel_shared_sl_reset(sl));
+        }
+    };
+    const std::tuple<char, const char *, Pos> steps[] = {
+        {'a', "10", {0, 2, 1}},     {'i', "0", {0, 2, 1}},  {'n', "<null>", {0, 2, 2}},
+        {'s', "2", {2, 5, 3}},      {'a', "20", {2, 5, 3}}, {'n', "30", {2, 5, 4}},
+        {'i', "1", {2, 5, 4}},      {'n', "<null>", {2, 5, 5}},
+        {'n', "<null>", {2, 5, 5}},  // never past the segment end
+        {'r', "2", {2, 5, 3}},      {'s', "1", {5, 7, 6}},  {'a', "40", {5, 7, 6}},
+        {'s', "-1", {5, 7, 6}},     {'R', "1", {0, 2, 1}},
+    };
+    for (auto [c, ret, after] : steps) {
+        EXPECT_EQ(call(c), ret) << c;
+        EXPECT_EQ(pos(sl), after) << c << " " << ret;
+    }
     kel_shared_sl_destroy(sl);
 
     // One text fewer: the last segment would reach past the vector.
@@ -92,9 +95,10 @@ TEST(SegmentList, WhatCountsAsAFirstHeader) {
         ASSERT_NE(sl, nullptr);
         EXPECT_EQ(sl->seg_end - sl->seg_start - 1, c.count);
         EXPECT_EQ(kel_shared_sl_argument_index(sl), 0);
-        if (c.count == 0) {
+        if (c.count == 0) {  // a lone header
             EXPECT_EQ(kel_shared_sl_argument(sl), nullptr);
             EXPECT_EQ(kel_shared_sl_segment_next(sl), -1);
+            EXPECT_EQ(kel_shared_sl_reset(sl), 0);
         }
         kel_shared_sl_destroy(sl);
     }
