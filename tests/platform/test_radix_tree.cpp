@@ -218,7 +218,7 @@ class RadixShapes : public Radix, public ::testing::WithParamInterface<Shape> {
                     ADD_FAILURE() << shape.name << " query " << i << " /" << len << ": got "
                                   << (got ? got->id : -1) << ", want " << (want ? want->id : -1);
                 }
-                if (got == nullptr || got->keylen == 0) break;
+                if (got == nullptr || got->keylen == 0 || got->keylen > len) break;
                 len = got->keylen - 1u;
             }
         }
