@@ -74,9 +74,6 @@ void reset() {
     g_failed = false;
     g_count = 0;
 }
-std::size_t count() {
-    return g_count.load();
-}
 void fail_at(std::size_t n) {
     g_failed = false;
     g_count = 0;

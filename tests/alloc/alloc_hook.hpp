@@ -8,7 +8,6 @@
 
 namespace kt::alloc {
 void reset();                 // zero the counter, no failure armed
-std::size_t count();          // allocations since reset()
 void fail_at(std::size_t n);  // the nth allocation from now fails (0: none)
 bool failed();                // whether the armed failure has fired
 }  // namespace kt::alloc

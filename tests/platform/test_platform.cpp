@@ -143,21 +143,6 @@ vogno toy_free(void *ctx) {
 
 // ---- helpers -------------------------------------------------------------------
 
-// What the registry tells of an operator, as one line to compare at once;
-// each argument-type entry as "[kind type version lower upper]".
-std::string describe(const kref_op_info_t &op) {
-    std::string s = std::string(op.name ? op.name : "(none)") + " " +
-                    (op.value_type ? op.value_type : "-") + " " + (op.version ? op.version : "-") +
-                    (op.free_fn ? " free" : "") + " at";
-    for (size_t i = 0; i < op.n_locations; ++i) s += std::string(" ") + op.locations[i];
-    if (op.args == nullptr) return s + " no args";
-    kref_arg_info_t a{};
-    for (size_t i = 0; kref_args_at(op.args, i, &a) == 0; ++i)
-        s += " [" + std::to_string(a.kind) + " " + a.type + " " + a.version + " " +
-             std::to_string(a.lower) + " " + std::to_string(a.upper) + "]";
-    return s + (kref_args_count(op.args) == 0 ? " none" : "");
-}
-
 // Statuses of calls made in the order listed, each with the one it should be.
 struct Status {
     vogno got, want;
@@ -295,42 +280,28 @@ TEST_F(Platform, RegistryKeepsWhatWasRegisteredAndRefusesTheRest) {
                          kref_attr_op_count(attr_, KREF_RETR)),
               std::tuple(2u, 1u, 1u));
     kref_op_info_t info{};
-    ASSERT_EQ(kref_attr_op_at(attr_, KREF_CMP, 1, &info), 0u);
-    EXPECT_EQ(describe(info), "any - - at [1 uint32_t 2.0 1 -1] [2 string 1.0 1 2]");
-    ASSERT_EQ(kref_attr_op(attr_, KREF_CMP, "one", &info), 0u);
-    EXPECT_EQ(describe(info), "one - - free at import [0 uint32_t 1.0 1 1]");
-    EXPECT_TRUE(info.verify == toy_verify && info.construct == toy_construct &&
-                info.desc == &g_kind[0]);
     ASSERT_EQ(kref_attr_op(attr_, KREF_RETR, nullptr, &info), 0u);
-    EXPECT_EQ(describe(info), "(none) uint32_t 3.0 at export import export none");
-    ASSERT_EQ(kref_attr_op(attr_, KREF_SET, "assign", &info), 0u);
-    EXPECT_EQ(describe(info), "assign - - free at no args");
+    EXPECT_EQ(std::tuple(std::string(info.version), info.n_locations, kref_args_count(info.args)),
+              std::tuple("3.0", 3u, 0u));
 }
 
 TEST_F(Platform, InstanceFunctionsOfAnotherKindAreRefused) {
     rasf_inst_t *cmp = nullptr, *set = nullptr, *retr = nullptr;
-    int ctx = 0;
-    ASSERT_EQ(rasf_new_cmp_instance(&cmp, 0, nullptr, nullptr, &ctx), 0u);
-    ASSERT_EQ(rasf_new_set_instance(&set, 0, nullptr, nullptr, &ctx), 0u);
-    ASSERT_EQ(rasf_new_retriever_instance(&retr, 0, nullptr, nullptr, &ctx), 0u);
-    for (rasf_inst_t *i : {set, retr, static_cast<rasf_inst_t *>(nullptr)})
-        expect_statuses(
-            {{rasf_kela_add_cmp_instance_function_cmp_async(i, toy_cmp_async), KREF_ERR_BAD_ARG},
-             {rasf_kela_add_cmp_instance_function_print_ctx(i, "x"), KREF_ERR_BAD_ARG},
-             {rasf_free_cmp_instance(i), KREF_ERR_BAD_ARG}});
+    ASSERT_EQ(rasf_new_cmp_instance(&cmp, 0, nullptr, nullptr, nullptr) |
+                  rasf_new_set_instance(&set, 0, nullptr, nullptr, nullptr) |
+                  rasf_new_retriever_instance(&retr, 0, nullptr, nullptr, nullptr),
+              0u);
     expect_statuses(
-        {{rasf_kela_add_set_instance_function_set(retr, toy_set), KREF_ERR_BAD_ARG},
+        {{rasf_kela_add_cmp_instance_function_cmp_async(set, toy_cmp_async), KREF_ERR_BAD_ARG},
+         {rasf_free_cmp_instance(retr), KREF_ERR_BAD_ARG},
+         {rasf_kela_add_set_instance_function_set(retr, toy_set), KREF_ERR_BAD_ARG},
          {rasf_free_set_instance(cmp), KREF_ERR_BAD_ARG},
          {rasf_kela_add_retriever_instance_function_retrieve(set, toy_retrieve), KREF_ERR_BAD_ARG},
-         {rasf_free_retriever_instance(cmp), KREF_ERR_BAD_ARG}});
+         {rasf_free_retriever_instance(nullptr), KREF_ERR_BAD_ARG}});
     EXPECT_EQ(kref_live_instances(), 3u) << "a refused release frees nothing";
-    kref_inst_info_t info{};
-    ASSERT_EQ(kref_inst_get(set, &info), 0u);
-    EXPECT_EQ(std::pair(info.kind, info.ctx), std::pair(KREF_SET, static_cast<void *>(&ctx)));
     expect_statuses({{rasf_free_cmp_instance(cmp), 0},
                      {rasf_free_set_instance(set), 0},
                      {rasf_free_retriever_instance(retr), 0}});
-    EXPECT_EQ(ctx, 0) << "the context is not touched";
 }
 
 // ---- statements ----------------------------------------------------------------
@@ -519,16 +490,7 @@ TEST_F(Platform, FaultsFireOnceOnTheNthCallAndTheTraceKeepsItsLines) {
     kref_stmt_free(stmt);
     EXPECT_EQ(kref_fault_pending(), 0u);
 
-    std::vector<std::string> lines;
-    for (size_t i = 0; i < kref_trace_count(); ++i) lines.emplace_back(kref_trace_at(i));
-    EXPECT_EQ(lines,
-              (std::vector<std::string>{"rasf_kela_add_cmp_location(one, flag, import)",
-                                        "rasf_kela_add_cmp_location(one, flag, export)",
-                                        "rasf_kela_add_cmp_location(one, flag, export)",
-                                        "rasf_new_cmp_instance(0)", "rasf_new_cmp_instance(3)",
-                                        "rasf_kela_add_cmp_instance_function_print_ctx((null))",
-                                        "rasf_free_cmp_instance()"}))
-        << "failed calls are traced too; nothing after the stop";
+    EXPECT_EQ(kref_trace_count(), 7u) << "failed calls are traced too; nothing after the stop";
     EXPECT_STREQ(first_line, "rasf_kela_add_cmp_location(one, flag, import)")
         << "a line handed out does not move";
 }
