@@ -1,7 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The routing table and the asynchronous client on their own.  The B-tree
-// is the request trees' store: tests/lib/test_state.cpp and the stress
-// test's compile scenario (one tree per statement) read it through them.
+// The routing table, the B-tree and the asynchronous client on their own.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
@@ -9,6 +7,7 @@
 #include <cstring>
 #include <random>
 
+#include "btree_s.h"
 #include "kela_ref.h"
 #include "kela_ref_state.h"
 #include "pcl_async.h"
@@ -99,6 +98,33 @@ TEST_F(RoutingState, RangeLookupAgreesWithAScan) {
         ASSERT_EQ(ask(inet_ntop(AF_INET, &be, text, sizeof text), first, kRange, 0, last), want)
             << i;
     }
+}
+
+vogno alloc(void **out, uint32_t size) {
+    *out = std::malloc(size);
+    return *out != nullptr ? 0 : 1;
+}
+void release(void *p) {
+    std::free(p);
+}
+
+// Finding and adding keys is also the rib-has-route "async" operator's daily
+// work (tests/lib/test_state.cpp), and a refused allocation is tests/alloc's.
+TEST(Btree, AKeyIsThereOnceAndANewTreeLeavesTheOldOneAlone) {
+    void *head = nullptr, *v = nullptr;
+    ASSERT_EQ(btree_s_init(2, alloc, release, &head), 0u);
+    void *first = head;
+    int values[100];
+    for (int i = 0; i < 100; ++i)
+        ASSERT_EQ(btree_s_insert(head, static_cast<uint64_t>(i) * 7919u, &values[i], 0), 0u);
+    EXPECT_NE(btree_s_insert(head, 7919u, &values[0], 0), 0u);
+    EXPECT_EQ(btree_s_find(head, 7919u, &v), 0u);
+    EXPECT_EQ(v, &values[1]) << "the first value stays";
+    EXPECT_NE(btree_s_find(head, 5, &v), 0u);
+    ASSERT_EQ(btree_s_init(2, alloc, release, &head), 0u);
+    EXPECT_NE(head, first);
+    EXPECT_EQ(btree_s_find(first, 0, &v), 0u) << "the old handle stays valid";
+    EXPECT_NE(btree_s_find(head, 0, &v), 0u);
 }
 
 // What the client's last notification said.
