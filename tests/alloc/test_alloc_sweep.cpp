@@ -91,21 +91,55 @@ class AllocSweep : public kt::FrameworkTest {
     alignas(8) unsigned char route_[64] = {10, 1, 2, 0};
 };
 
+vogno get_value(void *, void *route, shared_kela_prefix_addr_td *v, uint32_t *more) {
+    v->family = 2;
+    v->addr = static_cast<uint8_t *>(route);
+    v->len = 24;
+    *more = 0;
+    return 0;
+}
+
 TEST_F(AllocSweep, ScalarTypes) {
     shared_kela_uint8_desc_td u8{"u8", 0, 0, 10};
     ASSERT_EQ(shared_kela_uint8_range_base_init(nullptr, nullptr, 0, &u8, kt::kLocations,
                                                 kt::kLocations, kt::kLocations, nullptr),
               0u);
-    kref_op_info_t le{};
+    auto parse = [](const char *t, void *, int, uint32_t *out) -> vogno {
+        if (out != nullptr) *out = static_cast<uint32_t>(std::strlen(t));
+        return 0;
+    };
+    shared_kela_bitmasked_desc_td bm{"bm", nullptr, nullptr, +parse, 0, 1, 0x1, nullptr};
+    ASSERT_EQ(shared_kela_bitmasked_base_init_v2(nullptr, nullptr, 0, &bm, kt::kLocations,
+                                                 kt::kLocations, kt::kLocations, nullptr),
+              0u);
+    kref_op_info_t le{}, any{};
     ASSERT_EQ(kref_attr_op(kref_attr_find("u8"), KREF_CMP, "le", &le), 0u);
-    Params big{"300"};
-    sweep(
-        "uint8 range refusal", [&] { return verify(le.verify, big, &u8); },
-        {KEL_SHARED_ERR_ABOVE_MAX}, KEL_SHARED_ERR_ABOVE_MAX);
-    Params word{"ten"};
-    sweep(
-        "uint8 refusal of a word", [&] { return verify(le.verify, word, &u8); }, {kBadValue},
-        kBadValue);
+    ASSERT_EQ(kref_attr_op(kref_attr_find("bm"), KREF_CMP, "matches-any", &any), 0u);
+    static const shared_kela_enum_name_td names[] = {{1, "red"}, {0, nullptr}};
+    shared_kela_enum_desc_td en{"colour", 0, names};
+    shared_kela_ipv4_desc_td v4{"peer", 0, 4};
+    shared_kela_prefix_desc_td desc{"destination", get_value, nullptr, nullptr, 0};
+    // A verifier's status must stand whether or not its message can be made.
+    struct Verifier {
+        const char *what;
+        rasf_verify_fn fn;
+        Params p;
+        void *desc;
+        std::set<vogno> allowed;
+        vogno clean;
+    } verifiers[] = {
+        // clang-format off
+        {"uint8 range refusal", le.verify, {"300"}, &u8, {KEL_SHARED_ERR_ABOVE_MAX}, KEL_SHARED_ERR_ABOVE_MAX},
+        {"uint8 refusal of a word", le.verify, {"ten"}, &u8, {kBadValue}, kBadValue},
+        {"enum refusal", shared_kela_enum_set_assign_veri, {"blue"}, &en, {kBadValue}, kBadValue},
+        {"bit-masked matches-any", any.verify, {"arg0:1", "ab", "arg1:1", "abc"}, &bm, {kBadValue}, 0},
+        {"ipv4", shared_kela_ipv4_cmp_match_veri, {"10.1.0.0", "16", "16", "32"}, &v4, {kNoMemory}, 0},
+        {"prefix assign", shared_kela_prefix_set_assign_veri, {"10.0.0.1"}, &desc, {0u}, 0},
+    };  // clang-format on
+    for (Verifier &v : verifiers)
+        sweep(
+            v.what, [&] { return verify(v.fn, v.p, v.desc); }, v.allowed, v.clean);
+
     // "matches-any" makes the segment list, then the message; without room
     // for either it still reports.
     shared_kela_uint32_desc_td four{"u32", 0, 0, 4, nullptr};
@@ -115,11 +149,10 @@ TEST_F(AllocSweep, ScalarTypes) {
         "uint32 matches-any messages",
         [&] {
             char *msg = nullptr;
-            Outcome r;
-            r.status = shared_kela_uint32_cmp_any_veri(list5.count(), list5.vec(), &four, &msg);
-            r.produced = true;
-            runs.emplace_back(r.status, kt::take(msg));
-            return r;
+            const vogno st =
+                shared_kela_uint32_cmp_any_veri(list5.count(), list5.vec(), &four, &msg);
+            runs.emplace_back(st, kt::take(msg));
+            return Outcome{st, true};
         },
         {kBadValue, KEL_SHARED_ERR_ABOVE_MAX}, KEL_SHARED_ERR_ABOVE_MAX);
     EXPECT_EQ(runs,
@@ -128,49 +161,18 @@ TEST_F(AllocSweep, ScalarTypes) {
                   {KEL_SHARED_ERR_ABOVE_MAX, "<null>"},
                   {KEL_SHARED_ERR_ABOVE_MAX, "Value (5) not within acceptable range: 0 - 4"}}));
 
-    // Registration merges the location lists into one.
+    // Registration merges the location lists into one; a failure registers
+    // nothing.
     shared_kela_uint32_desc_td u32{"u32", 0, 0, 100, nullptr};
     sweep("registration",
           [&] {
-              Outcome r;
-              r.status =
+              const vogno st =
                   shared_kela_uint32_base_init_v2(nullptr, nullptr, 0, &u32, kt::kLocations,
                                                   kt::kLocations, kt::kLocations, kt::kLocations);
-              r.produced = kref_attr_find("u32") != nullptr;
-              if (r.status != 0 && r.produced) r.status = ~0u;  // a failure registers nothing
-              r.release = [] { kref_reset(); };
-              return r;
+              const bool made = kref_attr_find("u32") != nullptr;
+              return Outcome{st != 0 && made ? ~0u : st, made, [] { kref_reset(); }};
           },
           {kNoMemory});
-
-    static const shared_kela_enum_name_td names[] = {{1, "red"}, {0, nullptr}};
-    shared_kela_enum_desc_td en{"colour", 0, names};
-    Params blue{"blue"};
-    sweep(
-        "enum refusal", [&] { return verify(shared_kela_enum_set_assign_veri, blue, &en); },
-        {kBadValue}, kBadValue);
-
-    auto parse = [](const char *t, void *, int, uint32_t *out) -> vogno {
-        if (out != nullptr) *out = static_cast<uint32_t>(std::strlen(t));
-        return 0;
-    };
-    shared_kela_bitmasked_desc_td bm{"bm", nullptr, nullptr, +parse, 0, 1, 0x1, nullptr};
-    ASSERT_EQ(shared_kela_bitmasked_base_init_v2(nullptr, nullptr, 0, &bm, kt::kLocations,
-                                                 kt::kLocations, kt::kLocations, nullptr),
-              0u);
-    kref_op_info_t any{};
-    ASSERT_EQ(kref_attr_op(kref_attr_find("bm"), KREF_CMP, "matches-any", &any), 0u);
-    Params list{"arg0:1", "ab", "arg1:1", "abc"};
-    sweep("bit-masked matches-any verifier", [&] { return verify(any.verify, list, &bm); },
-          {kBadValue});
-}
-
-vogno get_value(void *, void *route, shared_kela_prefix_addr_td *v, uint32_t *more) {
-    v->family = 2;
-    v->addr = static_cast<uint8_t *>(route);
-    v->len = 24;
-    *more = 0;
-    return 0;
 }
 
 TEST_F(AllocSweep, PrefixType) {
@@ -178,15 +180,20 @@ TEST_F(AllocSweep, PrefixType) {
     sweep("entry",
           [&] {
               shared_kela_prefix_matchspec_td *s = nullptr;
-              Outcome r;
-              r.status = shared_kela_prefix_cvt_string_to_matchspec_acl("10.0.0.0", "0.255.0.0",
-                                                                        "8", "24", &s);
-              r.produced = s != nullptr;
-              r.release = [s] {
-                  if (s != nullptr) std::free(s->mask);
-                  std::free(s);
-              };
-              return r;
+              const vogno st = shared_kela_prefix_cvt_string_to_matchspec_acl(
+                  "10.0.0.0", "0.255.0.0", "8", "24", &s);
+              return Outcome{st, s != nullptr, [s] {
+                                 if (s != nullptr) std::free(s->mask);
+                                 std::free(s);
+                             }};
+          },
+          {kNoMemory});
+    sweep("pfxmatch operand",
+          [&] {
+              shared_kela_pfxmatch_td *r = nullptr;
+              const vogno st =
+                  shared_kela_pfxmatch_cvt_string("10.0.0.0", "8", "8", "32", 2, 1, &r);
+              return Outcome{st, r != nullptr, [r] { std::free(r); }};
           },
           {kNoMemory});
 
@@ -214,9 +221,7 @@ TEST_F(AllocSweep, PrefixType) {
               shared_kela_pcl_query_pfx_ctx_t q{};
               q.flags = 3;
               shared_kela_decode_pfxs(15, set.vec(), &q);
-              Outcome r;
-              r.status = q.status;
-              r.produced = q.count == 3;
+              const Outcome r{q.status, q.count == 3};
               EXPECT_LE(q.count, 3);
               shared_kela_free_query_ctx(&q);
               return r;
@@ -228,26 +233,7 @@ TEST_F(AllocSweep, PrefixType) {
     ASSERT_EQ(kref_inst_get(inst, &info), 0u);
     sweep("assign print",
           [&] { return text(info.set_print(0, 1, addr.vec(), addr.slots(), &desc)); }, {});
-    sweep("assign verifier",
-          [&] { return verify(shared_kela_prefix_set_assign_veri, addr, &desc); }, {0u});
     rasf_free_set_instance(inst);
-}
-
-TEST_F(AllocSweep, AddressTypes) {
-    sweep("pfxmatch operand",
-          [&] {
-              shared_kela_pfxmatch_td *r = nullptr;
-              Outcome run;
-              run.status = shared_kela_pfxmatch_cvt_string("10.0.0.0", "8", "8", "32", 2, 1, &r);
-              run.produced = r != nullptr;
-              run.release = [r] { std::free(r); };
-              return run;
-          },
-          {kNoMemory});
-    shared_kela_ipv4_desc_td v4{"peer", 0, 4};
-    Params four{"10.1.0.0", "16", "16", "32"};
-    sweep("ipv4 verifier", [&] { return verify(shared_kela_ipv4_cmp_match_veri, four, &v4); },
-          {kNoMemory});
 }
 
 TEST_F(AllocSweep, RoutingStateTypes) {
@@ -277,12 +263,9 @@ TEST_F(AllocSweep, RoutingStateTypes) {
           [&] {
               kref_eval_rec_t rec{};
               rec.key = ++key;
-              Outcome r;
-              r.status = info.update(&rec, info.ctx, set.count(), set.vec());
-              void *remembered = kref_async_ctx(rec.key);
-              r.produced = remembered != nullptr;
-              if (r.status == 0 && !r.produced) r.status = kNoMemory;  // the cell could not be made
-              return r;
+              const vogno st = info.update(&rec, info.ctx, set.count(), set.vec());
+              const bool remembered = kref_async_ctx(rec.key) != nullptr;
+              return Outcome{st == 0 && !remembered ? kNoMemory : st, remembered};
           },
           {kNoMemory, KEL_SHARED_FOREIGN_BTREE_NO_MEMORY});
     shared_kela_rhr_cmp_async_free(info.ctx);
@@ -297,10 +280,8 @@ TEST_F(AllocSweep, RoutingStateTypes) {
     rec.key = 1;
     sweep("is update",
           [&] {
-              Outcome r;
-              r.status = info.update(&rec, info.ctx, 3, is.vec());
-              r.produced = static_cast<shared_kela_track_ctx_td *>(info.ctx)->name != nullptr;
-              return r;
+              return Outcome{info.update(&rec, info.ctx, 3, is.vec()),
+                             static_cast<shared_kela_track_ctx_td *>(info.ctx)->name != nullptr};
           },
           {kNoMemory});
     shared_kela_track_cmp_free(info.ctx);
