@@ -209,6 +209,12 @@ TEST_P(RadixShapes, AgreeWithTheReferenceAlsoAfterFurtherInserts) {
 INSTANTIATE_TEST_SUITE_P(Shapes, RadixShapes, ::testing::ValuesIn(kShapes),
                          [](const ::testing::TestParamInfo<Shape> &i) { return i.param.name; });
 
+// A key in the first `spread` /8s below 3 random bytes.
+std::array<uint8_t, 16> near_key(std::mt19937 &rng, unsigned spread) {
+    return {static_cast<uint8_t>(rng() % spread), static_cast<uint8_t>(rng()),
+            static_cast<uint8_t>(rng()), static_cast<uint8_t>(rng())};
+}
+
 TEST_F(Radix, AnswersOfOneTreeNeverLeakIntoAnother) {
     // Two large trees with the same keys: a lookup in one, bounded below an
     // answer just given by the other, must answer from its own entries.
@@ -216,24 +222,22 @@ TEST_F(Radix, AnswersOfOneTreeNeverLeakIntoAnother) {
     std::mt19937 rng(5);
     int other_count = 0;
     for (int i = 0; i < 2000; ++i) {
-        uint8_t k[16] = {static_cast<uint8_t>(rng() % 4), static_cast<uint8_t>(rng()),
-                         static_cast<uint8_t>(rng())};
+        const auto k = near_key(rng, 4);
         const unsigned len = 8 + rng() % 17;
-        if (add(k, len, i) != 0) continue;
+        if (add(k.data(), len, i) != 0) continue;
         auto *e = static_cast<Entry *>(std::calloc(1, sizeof(Entry)));
         e->id = -1 - i;
         e->keylen = static_cast<uint8_t>(len);
-        std::memcpy(e->key, k, 16);
+        std::memcpy(e->key, k.data(), 16);
         ASSERT_EQ(rn_insert(other, e), 0);
         ++other_count;
     }
     for (int i = 0; i < 2000; ++i) {
-        uint8_t q[16] = {static_cast<uint8_t>(rng() % 4), static_cast<uint8_t>(rng()),
-                         static_cast<uint8_t>(rng())};
-        const Entry *mine = lookup(q, 24);
+        const auto q = near_key(rng, 4);
+        const Entry *mine = lookup(q.data(), 24);
         if (mine == nullptr || mine->keylen == 0) continue;
-        const auto *theirs =
-            static_cast<const Entry *>(rn_lookup(other, q, static_cast<uint8_t>(mine->keylen - 1)));
+        const auto *theirs = static_cast<const Entry *>(
+            rn_lookup(other, q.data(), static_cast<uint8_t>(mine->keylen - 1)));
         ASSERT_TRUE(theirs == nullptr || theirs->id < 0) << i;
     }
     rn_tree_destroy(&other);
@@ -242,18 +246,10 @@ TEST_F(Radix, AnswersOfOneTreeNeverLeakIntoAnother) {
 
 TEST_F(Radix, ConcurrentReadersSeeTheSameAnswers) {
     std::mt19937 rng(99);
-    for (int i = 0; i < 3000; ++i) {
-        uint8_t k[16] = {static_cast<uint8_t>(rng() % 8), static_cast<uint8_t>(rng()),
-                         static_cast<uint8_t>(rng())};
-        add(k, 8 + rng() % 17, i);
-    }
+    for (int i = 0; i < 3000; ++i) add(near_key(rng, 8).data(), 8 + rng() % 17, i);
     std::vector<std::array<uint8_t, 16>> queries(2000);
     std::vector<const void *> want;
-    for (auto &q : queries) {
-        q = {static_cast<uint8_t>(rng() % 8), static_cast<uint8_t>(rng()),
-             static_cast<uint8_t>(rng()), static_cast<uint8_t>(rng())};
-        want.push_back(longest(q.data(), 32));
-    }
+    for (auto &q : queries) want.push_back(longest((q = near_key(rng, 8)).data(), 32));
     std::vector<int> wrong(4, 0);
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
