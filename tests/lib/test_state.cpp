@@ -94,11 +94,13 @@ TEST_F(State, RibHasRouteRegistration) {
         << "\"in\" needs a first operator location";
 }
 
+// The refusals of a gap, an async range, a 33-character name and a state
+// in capitals are in tests/tool's bad-input corpus.
 TEST_F(State, VerifierRules) {
     const char *const gaps = "The rib-has-route operator does not support gaps in prefix ranges.";
     const char *const invalid = "Invalid prefix match parameters.";
     const char *const mismatch = "Parameter mismatch.";
-    const std::string name32(32, 'n'), name33(33, 'n');
+    const std::string name32(32, 'n');
     const char *const track_bad = "malformed track parameters";
     std::vector<std::vector<const char *>> sixteen(16, {"10.0.0.0", "8", "8", "8"});
     auto seventeen = sixteen;  // refused before any entry is parsed
@@ -110,22 +112,15 @@ TEST_F(State, VerifierRules) {
         const char *message;
     };
     const Case cases[] = {
-        {"rib-has-route", "in", {{"10.0.0.0", "8", "16", "24"}}, 3, gaps},
         {"rib-has-route", "in", {{"10.0.0.0", "8", "8", "24"}}, 0, nullptr},
         {"rib-has-route", "in", {{"10.0.0.0", "8", "8", "40"}}, KEL_SHARED_ERR_BAD_LENGTH, invalid},
         {"rib-has-route", "in", {{"10.0.0.0", "8 ", "8", "8"}}, KEL_SHARED_ERR_BAD_VALUE, invalid},
         {"rib-has-route", "in", {{"10.0.0.0", "8", "8"}}, 4, mismatch},
-        {"rib-has-route", "async", {{"10.0.0.0", "8", "8", "24"}}, 3,
-         "The rib-has-route async operator does not support prefix ranges."},
         {"rib-has-route", "async", {{"10.0.0.0", "8", "16", "16"}}, 3, gaps},
         {"rib-has-route", "async", sixteen, 0, nullptr},
         {"rib-has-route", "async", seventeen, 3,
          "Internal error: RHR async supports maximum of 16 entries in prefix-set"},
         {"track", "is", {{"x"}, {name32.c_str()}, {"up"}}, 0, nullptr},
-        {"track", "is", {{"x"}, {name33.c_str()}, {"up"}}, KEL_SHARED_ERR_BAD_VALUE,
-         "length of track name should be equal or less than 32"},
-        {"track", "is", {{"x"}, {"T1"}, {"Up"}}, KEL_SHARED_ERR_BAD_VALUE,
-         "Internal error:  wrong track status parameter"},
         {"track", "is", {{"x"}, {"T1"}, {"down"}}, 0, nullptr},
         {"track", "is", {{"x"}, {"T1"}}, KEL_SHARED_ERR_BAD_VALUE, track_bad},
         {"track", "is", {{"x"}, {"T1"}, {"up"}, {"y"}}, KEL_SHARED_ERR_BAD_VALUE, track_bad},
