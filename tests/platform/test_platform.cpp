@@ -110,15 +110,6 @@ vogno toy_free(void *ctx) {
 
 // ---- helpers -------------------------------------------------------------------
 
-// Statuses of calls made in the order listed, each with the one it should be.
-struct Status {
-    vogno got, want;
-};
-void expect_statuses(std::initializer_list<Status> all) {
-    size_t i = 0;
-    for (const Status &s : all) EXPECT_EQ(s.got, s.want) << "call " << i++ << " of the list";
-}
-
 class Platform : public ::testing::Test {
   protected:
     // Every test has the attribute "flag" at import and export, and its
@@ -231,12 +222,16 @@ TEST_F(Platform, CompileStopsAtTheFirstFailure) {
     std::free(msg);
     // Refused by the verifier (its message released when nobody takes it:
     // LeakSanitizer), then before the verifier is called.
-    expect_statuses({{kref_compile("flag", KREF_CMP, "one", nullptr, 1, &item, nullptr, &stmt), 42},
-                     {compile("one", {"1"}, &stmt, "export"), KREF_ERR_LOCATION},
-                     {compile("two", {"1"}, &stmt), KREF_ERR_NOT_FOUND},
-                     {compile("one", {"1"}, &stmt, nullptr, KREF_SET), KREF_ERR_NOT_FOUND},
-                     {kref_compile("none", KREF_CMP, "one", nullptr, 1, &item, nullptr, &stmt),
-                      KREF_ERR_NOT_FOUND}});
+    int call = 0;  // the calls run in the order listed
+    for (auto [got, want] :
+         {std::pair<vogno, vogno>{
+              kref_compile("flag", KREF_CMP, "one", nullptr, 1, &item, nullptr, &stmt), 42},
+          {compile("one", {"1"}, &stmt, "export"), KREF_ERR_LOCATION},
+          {compile("two", {"1"}, &stmt), KREF_ERR_NOT_FOUND},
+          {compile("one", {"1"}, &stmt, nullptr, KREF_SET), KREF_ERR_NOT_FOUND},
+          {kref_compile("none", KREF_CMP, "one", nullptr, 1, &item, nullptr, &stmt),
+           KREF_ERR_NOT_FOUND}})
+        EXPECT_EQ(got, want) << "call " << call++;
     EXPECT_EQ(calls.verify, 2);
     EXPECT_EQ(calls.construct, 0);
 
