@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The routing state under four threads: direct and "async" requests, route
-// changes, resets and "async" compiles side by side.  After every round each
-// request held must carry the routing table's answer, as its last
-// notification must; at the end no request may remain.  KELA_STRESS_SECONDS
-// (4 by default) in all.  Last, how long one evaluation's requests live.
+// The routing state under four threads (KELA_STRESS_SECONDS, 4 by default):
+// after every round each request must carry the routing table's answer, as
+// its last notification must; at the end no request may remain.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -20,6 +18,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "kela_ref.h"
@@ -29,8 +28,8 @@
 
 namespace {
 
-// The routes the threads fight over, in tables 1 and 2: few enough that two
-// threads often change the same one.  10.0.<i>.0/24, then 2001:db8:<i>::/48.
+// 10.0.<i>.0/24, then 2001:db8:<i>::/48 in tables 1 and 2: few enough that
+// two threads often change the same route.
 struct Pfx {
     int afi;
     std::uint8_t len, addr[16];
@@ -96,10 +95,7 @@ void do_register(Shared &run, unsigned t) {
         pcl_rhr_v4_entry v4[3] = {};
         pcl_rhr_v6_entry v6[3] = {};
         pcl_rhr_request req{};
-        req.session = 1 + rng() % 2;
-        req.key = ++key;
-        req.v4 = v4;
-        req.v6 = v6;
+        req.session = 1 + rng() % 2, req.key = ++key, req.v4 = v4, req.v6 = v6;
         for (unsigned n = 1 + rng() % 3; n != 0; --n) {
             const Pfx p = pool(rng());
             if (p.afi == IP_RIB_AFI_IPV4)
@@ -152,9 +148,8 @@ void do_evaluate(Shared &run, unsigned t) {
     }
 }
 
-// Each statement asks for one route of the static table; all threads use the
-// round's key, so statements that shared a request tree would read each
-// other's answers.
+// All threads use the round's key: statements that shared a request tree
+// would read each other's answers.
 void do_compile(Shared &run, unsigned t) {
     for (unsigned n = t; run.go_on(); n += 4) {
         const int i = static_cast<int>(n % kStaticRoutes);
@@ -166,13 +161,10 @@ void do_compile(Shared &run, unsigned t) {
         kref_inst_info_t info{};
         kref_inst_get(kref_stmt_instance(s), &info);
         void *tree = static_cast<shared_kela_rhr_async_ctx_td *>(info.ctx)->info_list;
-        std::unique_lock lock(run.mu);
-        const bool shared = !run.trees.insert(tree).second;
-        lock.unlock();
-        if (shared) run.problem("two statements share a request tree");
+        if (std::lock_guard lock(run.mu); !run.trees.insert(tree).second && run.problems.size() < 5)
+            run.problems.push_back("two statements share a request tree");
         kref_eval_rec_t rec{};
-        rec.session = kStaticTable;
-        rec.key = run.round.load();
+        rec.session = kStaticTable, rec.key = run.round.load();
         std::int32_t out = -1;
         st = kref_eval(s, nullptr, &rec, &out);
         if (st != 0 || out != (i % 2 == 0 ? 1 : 0)) run.problem(addr, st, out);
@@ -180,8 +172,7 @@ void do_compile(Shared &run, unsigned t) {
     }
 }
 
-// Counts of requests checked, of answers that are not the routing table's,
-// and of last notifications that are not the answer.
+// Requests checked, answers not the table's, last notifications not the answer.
 struct Tally {
     std::size_t seen = 0, wrong = 0, stale = 0;
 };
@@ -237,12 +228,11 @@ const Scenario kScenarios[] = {
     {"EvaluationsAndRegistrationsWhileRoutesChange", {E, R, C, C}},
     {"AsyncStatementsCompiledAtOnce", {K, K, K, K}},
 };
-void PrintTo(const Scenario &s, std::ostream *os) { *os << s.name; }
 
-class Stress : public ::testing::TestWithParam<Scenario> {
-  protected:
-    void SetUp() override { register_rhr(); }
-};
+void PrintTo(const Scenario &s, std::ostream *os) {
+    *os << s.name;
+}
+using Stress = ::testing::TestWithParam<Scenario>;
 
 TEST_P(Stress, AnswersFollowTheRoutingTable) {
     const char *env = std::getenv("KELA_STRESS_SECONDS");
@@ -252,6 +242,7 @@ TEST_P(Stress, AnswersFollowTheRoutingTable) {
     // round ends with a check.
     constexpr std::chrono::milliseconds kRound{20};
 
+    register_rhr();
     kref_state_reset();
     for (int i = 0; i < kStaticRoutes; i += 2) {
         const std::uint8_t a[4] = {172, 16, static_cast<std::uint8_t>(i), 0};
@@ -297,8 +288,8 @@ INSTANTIATE_TEST_SUITE_P(Scenarios, Stress, ::testing::ValuesIn(kScenarios),
                          [](const auto &info) { return std::string(info.param.name); });
 
 // How long an evaluation's requests live: one "async" statement asking for a
-// route that the table holds, evaluated under keys 1, 2, ...  Each case
-// gives the requests left and whether key 1 is still in the request tree.
+// route the table holds, evaluated under keys 1, 2, ...  (One request per key
+// however often it is evaluated: State.AsyncRegistersOncePerKey... in tests/lib.)
 TEST(Keys, RequestsLiveAsLongAsTheirEvaluation) {
     register_rhr();
     kref_state_reset();
@@ -311,25 +302,18 @@ TEST(Keys, RequestsLiveAsLongAsTheirEvaluation) {
     auto add_route = [] { ASSERT_EQ(kref_rib_add(IP_RIB_AFI_IPV4, 1, route, 24, nullptr), 0u); };
     auto eval = [&](std::uint64_t key) {
         kref_eval_rec_t rec{};
-        rec.session = 1;
-        rec.key = key;
+        rec.session = 1, rec.key = key;
         std::int32_t out = -1;
         EXPECT_EQ(kref_eval(stmt, nullptr, &rec, &out), key != 0 ? 0u : 2u);
         EXPECT_EQ(out, key != 0 ? 1 : -1) << "the route is in the table";
     };
-    auto in_tree = [&](std::uint64_t key) {
+    auto key1_in_tree = [&] {
         std::int32_t out = 0;
-        return info.cmp_async(nullptr, 0, nullptr, info.ctx, &out, nullptr, key) != 16;
+        return info.cmp_async(nullptr, 0, nullptr, info.ctx, &out, nullptr, 1) != 16;
     };
-    struct Case {
-        const char *name;
-        bool held_elsewhere;  // another thread is evaluating under key 1 meanwhile
-        std::function<void()> steps;
-        std::size_t requests;
-        bool key1_in_tree;
-    };
-    const Case cases[] = {
-        {"the same key again asks nothing new", false, [&] { eval(1), eval(1); }, 1, true},
+    // Whether another thread evaluates under key 1 meanwhile, the steps, the
+    // requests left and whether key 1 is still in the request tree.
+    const std::tuple<const char *, bool, std::function<void()>, std::size_t, bool> cases[] = {
         {"the next key ends the evaluation", false, [&] { eval(1), eval(2); }, 1, false},
         {"the thread's end ends it", false, [&] { std::thread([&] { eval(1); }).join(); }, 0,
          false},
@@ -339,23 +323,21 @@ TEST(Keys, RequestsLiveAsLongAsTheirEvaluation) {
         {"a reset empties the trees: the key asks again", false,
          [&] { eval(1), kref_state_reset(), add_route(), eval(1); }, 1, true},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto &[name, held_elsewhere, steps, requests, in_tree] : cases) {
+        SCOPED_TRACE(name);
         kref_state_reset();
         add_route();
         std::latch inside(1), done(1);
         std::thread holder;
-        if (c.held_elsewhere) {
+        if (held_elsewhere) {
             holder = std::thread([&] { eval(1), inside.count_down(), done.wait(); });
             inside.wait();
         }
-        c.steps();
-        EXPECT_EQ(kref_async_requests(), c.requests);
-        EXPECT_EQ(in_tree(1), c.key1_in_tree);
-        if (c.held_elsewhere) {
-            done.count_down();
-            holder.join();
-            EXPECT_FALSE(in_tree(1)) << "released by the last thread leaving";
+        steps();
+        EXPECT_EQ(std::pair(kref_async_requests(), key1_in_tree()), std::pair(requests, in_tree));
+        if (held_elsewhere) {
+            done.count_down(), holder.join();
+            EXPECT_FALSE(key1_in_tree()) << "released by the last thread leaving";
         }
     }
     kref_stmt_free(stmt);
