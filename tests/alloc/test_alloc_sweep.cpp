@@ -211,6 +211,11 @@ TEST_F(AllocSweep, PrefixType) {
               0u);
     kref_inst_info_t info{};
     ASSERT_EQ(kref_inst_get(inst, &info), 0u);
+    rasf_inst_t *none = nullptr;
+    kt::alloc::fail_at(1);  // the operator's context, before any entry
+    EXPECT_EQ(shared_kela_prefix_cmp_match_cons(set.count(), set.vec(), set.slots(), &desc, &none),
+              kNoMemory);
+    kt::alloc::reset();
     for (std::uint32_t n : {0u, set.count()})
         sweep("pfxmatch print", [&] { return text(info.print(0, n, set.vec(), set.slots(), "%")); },
               {});

@@ -123,6 +123,8 @@ TEST(Ipv4Values, ConvertersHostBitsPrintAndCompare) {
     for (auto [n, len, status] : {std::tuple{4, 23, vogno{0}}, {4, 22, KEL_SHARED_ERR_HOST_BITS},
                                   {2, 8, KEL_SHARED_ERR_HOST_BITS}, {4, 32, 0}})
         EXPECT_EQ(shared_kela_ip_check_prefix(b, n, len), status) << n << " " << len;
+    const uint8_t late[4] = {10, 0, 1, 0};  // clean up to the byte after the length
+    EXPECT_EQ(shared_kela_ip_check_prefix(late, 4, 8), KEL_SHARED_ERR_HOST_BITS);
 
     uint8_t out[4] = {9, 9, 9, 9};
     EXPECT_EQ(shared_kela_ipv4_cvt_string("1.2.3.x", nullptr, out), KEL_SHARED_ERR_BAD_VALUE);
@@ -131,7 +133,8 @@ TEST(Ipv4Values, ConvertersHostBitsPrintAndCompare) {
 
     shared_kela_ipv4_desc_td d{"nh", offsetof(V4Route, addr), offsetof(V4Route, len)};
     V4Route a = route("10.1.2.3", 24), same = route("10.1.2.200", 24),
-            longer = route("10.1.2.3", 25), p = route("192.0.2.1", 32);
+            longer = route("10.1.2.3", 25), p = route("192.0.2.1", 32),
+            low9 = route("10.0.0.0", 9), high9 = route("10.128.0.0", 9);
     for (auto [other, desc, status, want] : {std::tuple{&same, &d, vogno{0}, 1},
                                              {&longer, &d, 0, 0},
                                              {nullptr, &d, KEL_SHARED_ERR_NULL_INPUT, -1},
@@ -140,6 +143,9 @@ TEST(Ipv4Values, ConvertersHostBitsPrintAndCompare) {
         EXPECT_EQ(shared_kela_ipv4_base_cmp(&a, other, desc, &o), status);
         EXPECT_EQ(o, want);
     }
+    int32_t o9 = -1;  // the ninth bit is the only difference
+    EXPECT_EQ(shared_kela_ipv4_base_cmp(&low9, &high9, &d, &o9), 0u);
+    EXPECT_EQ(o9, 0);
     EXPECT_EQ(take(shared_kela_ipv4_base_print(nullptr, &p, &d)), "192.0.2.1/32");
     EXPECT_EQ(take(shared_kela_ipv4_base_print(nullptr, nullptr, &d)), "<<no destination prefix>>");
 

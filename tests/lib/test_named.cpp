@@ -79,6 +79,8 @@ TEST_F(Named, EnumNamesAreCaseInsensitiveAndTheFirstEntryWins) {
     }
     EXPECT_EQ(shared_kela_enum_cvt_string(nullptr, &enum_, nullptr, nullptr),
               KEL_SHARED_ERR_NULL_PARAM);
+    EXPECT_EQ(shared_kela_enum_cvt_string("red", nullptr, nullptr, nullptr),
+              KEL_SHARED_ERR_NO_PARAM_ARRAY);
     shared_kela_enum_desc_td none{"x", 0, nullptr};
     EXPECT_EQ(shared_kela_enum_cvt_string("red", &none, nullptr, nullptr),
               KEL_SHARED_ERR_BAD_VALUE);
@@ -175,6 +177,14 @@ TEST_F(Named, BitmaskedBaseFunctionsAndRetriever) {
     int32_t out = -1;
     EXPECT_EQ(kref_attr_compare(attr, route_, other, &out), 0u);
     EXPECT_EQ(out, 1) << "only word index counts";
+    // A missing route is the caller's fault, for the word types as for MAC
+    // addresses (which also clear the outcome).
+    for (auto cmp : {shared_kela_bitmasked_base_cmp, shared_kela_enum_base_cmp,
+                     shared_kela_mac_address_base_cmp}) {
+        out = -1;
+        EXPECT_EQ(cmp(nullptr, other, &bits_, &out), KEL_SHARED_ERR_NULL_INPUT);
+    }
+    EXPECT_EQ(out, 0);
     EXPECT_EQ(kt::verify(shared_kela_bitmasked_retr_veri, &bits_, {"x"}).status, 0u);
     EXPECT_EQ(kt::verify(shared_kela_bitmasked_retr_veri, &bits_, nullptr, 1).status,
               KEL_SHARED_ERR_VARIABLE);

@@ -82,6 +82,7 @@ TEST(SegmentList, WhatCountsAsAFirstHeader) {
         {{"arg0 :1", "a"}, 2, -1},     {{"arg0:-1", "a"}, 2, -1},
         {{"arg0:-2", "a"}, 2, -1},     {{"arg0:3", "a", "b", "c"}, 3, -1},
         {{"arg0:1", "a"}, 0, -1},      {{"arg0:0"}, 1, 0},
+        {{"arg0:-19000000000000000000"}, 1, 0},  // saturates to LONG_MIN, cut to int: 0
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.texts[0]);
