@@ -125,6 +125,13 @@ TEST(SegmentList, LaterHeadersEndTheWalkWhenTheyDoNotFitAndResetRefuses) {
     EXPECT_EQ(kel_shared_sl_reset(sl), -1);
     EXPECT_EQ(pos(sl), (Pos{2, 4, 3}));
     kel_shared_sl_destroy(sl);
+    // A count beyond a long saturates to LONG_MAX, which cut to int is -1:
+    // the end of the walk, not a segment of negative size.
+    Params huge{"arg0:0", "arg1:19000000000000000000"};
+    sl = kel_shared_sl_create(huge.count(), huge.vec());
+    ASSERT_NE(sl, nullptr);
+    EXPECT_EQ(kel_shared_sl_segment_next(sl), -1);
+    kel_shared_sl_destroy(sl);
 }
 
 // ---- "matches-any" -----------------------------------------------------------
