@@ -23,6 +23,11 @@ did-not-compile counts and every survivor as "file:line: change".
 
 usage: mutate.py [--draw N] [--count N] [--scope lib,platform,tools] [--rev REV]
                  [--sanitize leak|address] [--workdir DIR] [--timeout SECONDS] [--list]
+                 [--programs REGEX] [--pick FILE]
+
+--programs and --pick re-check part of a sample after a test change: only the
+test programs whose name matches, only the mutants whose "file:line: change"
+text is a line of FILE (a run's "survived:" lines or log lines work as they are).
 """
 import argparse
 import json
@@ -246,6 +251,12 @@ def run_tests(commands, build, timeout):
     return "survived", ""
 
 
+def mutant_text(src, mutant):
+    path, off, old, new, kind = mutant
+    text = open(os.path.join(src, path)).read()
+    return f"{path}:{line_of(text, off)}: {kind} {old!r} -> {new!r}"
+
+
 def main():
     ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     ap.add_argument("--draw", type=int, default=1,
@@ -259,6 +270,8 @@ def main():
                     help="leak: LeakSanitizer only (fast); address: the test suite's own "
                          "AddressSanitizer and UBSan build (slower, catches more)")
     ap.add_argument("--list", action="store_true", help="print the sample and stop")
+    ap.add_argument("--programs", help="run only the test programs whose name matches")
+    ap.add_argument("--pick", help="test only the sample's mutants named in this file")
     args = ap.parse_args()
 
     scopes = args.scope.split(",")
@@ -266,13 +279,15 @@ def main():
     src = copy_tree(args.workdir, args.rev)
     every = all_mutants(src, scopes)
     sample = random.Random(args.draw).sample(every, min(args.count, len(every)))
+    if args.pick:
+        wanted = open(args.pick).read()
+        sample = [m for m in sample if mutant_text(src, m) in wanted]
     rev = sh(["git", "rev-parse", "--short", args.rev], ROOT).stdout.strip()
     print(f"{len(every)} mutants in {','.join(scopes)} at {rev}; "
           f"sample of {len(sample)} (draw {args.draw})")
     if args.list:
-        for path, off, old, new, kind in sample:
-            t = open(os.path.join(src, path)).read()
-            print(f"{path}:{line_of(t, off)}: {kind} {old!r} -> {new!r}")
+        for m in sample:
+            print(mutant_text(src, m))
         return 0
 
     build = os.path.join(args.workdir, "build")
@@ -294,6 +309,8 @@ def main():
     if base.returncode != 0:
         sys.exit(base.stdout[-3000:] + "\nthe unmutated tree does not build")
     commands = test_commands(build)
+    if args.programs:
+        commands = [c for c in commands if re.search(args.programs, os.path.basename(c[0][0]))]
     # The baseline must pass; its timings put the fastest programs first.
     timed = []
     for cmd, env in commands:
@@ -312,7 +329,7 @@ def main():
         file = os.path.join(src, path)
         original = open(file).read()
         assert original[off:off + len(old)] == old, (path, off, old)
-        where = f"{path}:{line_of(original, off)}: {kind} {old!r} -> {new!r}"
+        where = mutant_text(src, (path, off, old, new, kind))
         try:
             with open(file, "w") as f:
                 f.write(original[:off] + new + original[off + len(old):])
