@@ -23,11 +23,13 @@ did-not-compile counts and every survivor as "file:line: change".
 
 usage: mutate.py [--draw N] [--count N] [--scope lib,platform,tools] [--rev REV]
                  [--sanitize leak|address] [--workdir DIR] [--timeout SECONDS] [--list]
-                 [--programs REGEX] [--pick FILE]
+                 [--programs REGEX] [--pick FILE] [--each]
 
 --programs and --pick re-check part of a sample after a test change: only the
 test programs whose name matches, only the mutants whose "file:line: change"
 text is a line of FILE (a run's "survived:" lines or log lines work as they are).
+--each runs every program on every mutant and names each failing test: which
+tests catch which faults, the evidence for keeping or merging a test.
 """
 import argparse
 import json
@@ -234,9 +236,14 @@ def test_commands(build):
     return programs + scripts
 
 
-def run_tests(commands, build, timeout):
-    """'killed' with the program that failed, or 'survived'."""
+FAILED = re.compile(r"^\[  FAILED  \] (\S+)", re.M)
+
+
+def run_tests(commands, build, timeout, each=False):
+    """'killed' with the program that failed, or 'survived'.  With each, all
+    programs run and the reason names every failing test."""
     deadline = time.monotonic() + timeout
+    failed = []
     for cmd, env in commands:
         left = deadline - time.monotonic()
         if left <= 0:
@@ -247,8 +254,12 @@ def run_tests(commands, build, timeout):
         except subprocess.TimeoutExpired:
             return "killed", "timeout"
         if r.returncode != 0:
-            return "killed", os.path.basename(cmd[0])
-    return "survived", ""
+            name = os.path.basename(cmd[0])
+            if not each:
+                return "killed", name
+            tests = sorted({t.rstrip(",") for t in FAILED.findall(r.stdout.decode(errors="replace"))})
+            failed.append(name + (": " + " ".join(tests) if tests else ""))
+    return ("killed", "; ".join(failed)) if failed else ("survived", "")
 
 
 def mutant_text(src, mutant):
@@ -272,6 +283,8 @@ def main():
     ap.add_argument("--list", action="store_true", help="print the sample and stop")
     ap.add_argument("--programs", help="run only the test programs whose name matches")
     ap.add_argument("--pick", help="test only the sample's mutants named in this file")
+    ap.add_argument("--each", action="store_true",
+                    help="run every program on every mutant and name the failing tests")
     args = ap.parse_args()
 
     scopes = args.scope.split(",")
@@ -337,7 +350,7 @@ def main():
             if sh(["cmake", "--build", build, "-j2"], ROOT).returncode != 0:
                 verdict, why = "did not compile", ""
             else:
-                verdict, why = run_tests(commands, build, args.timeout)
+                verdict, why = run_tests(commands, build, args.timeout, args.each)
         finally:
             with open(file, "w") as f:
                 f.write(original)
