@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 extern "C" {
 void *__real_malloc(std::size_t);
@@ -20,40 +19,21 @@ std::atomic<std::size_t> g_count{0};
 std::atomic<std::size_t> g_fail_at{0};
 std::atomic<bool> g_failed{false};
 
-// Where failed allocations returned to: the call sites the failures
-// reached, written out at exit when KELA_ALLOC_SITES names a file.
-constexpr std::size_t kMaxSites = 4096;
-std::atomic<void *> g_sites[kMaxSites];
-std::atomic<std::size_t> g_site_count{0};
-
+// Where a failed allocation returned to, written when KELA_ALLOC_SITES
+// names a file: as an address relative to the executable's load address,
+// so that it can be looked up in its symbol table and line table.  The
+// reader drops repeats; the stream is flushed at exit.
 void remember(void *site) {
-    const std::size_t n = g_site_count.load();
-    for (std::size_t i = 0; i < n && i < kMaxSites; ++i)
-        if (g_sites[i].load() == site) return;
-    const std::size_t slot = g_site_count++;
-    if (slot < kMaxSites) g_sites[slot] = site;
-}
-
-// Written as addresses relative to the executable's load address, so that
-// they can be looked up in its symbol table and line table.
-struct SiteWriter {
-    ~SiteWriter() {
+    static std::FILE *const out = [] {
         const char *path = std::getenv("KELA_ALLOC_SITES");
-        if (path == nullptr) return;
-        std::FILE *f = std::fopen(path, "w");
-        if (f == nullptr) return;
-        const std::size_t n = g_site_count.load();
-        for (std::size_t i = 0; i < n && i < kMaxSites; ++i) {
-            void *site = g_sites[i].load();
-            Dl_info info{};
-            if (dladdr(site, &info) == 0) continue;
-            std::fprintf(f, "%s %#zx\n", info.dli_fname,
-                         static_cast<std::size_t>(static_cast<char *>(site) -
-                                                  static_cast<char *>(info.dli_fbase)));
-        }
-        std::fclose(f);
-    }
-} g_site_writer;
+        return path != nullptr ? std::fopen(path, "w") : nullptr;
+    }();
+    Dl_info info{};
+    if (out == nullptr || dladdr(site, &info) == 0) return;
+    std::fprintf(
+        out, "%s %#zx\n", info.dli_fname,
+        static_cast<std::size_t>(static_cast<char *>(site) - static_cast<char *>(info.dli_fbase)));
+}
 
 // Counts one allocation; true when this one is to fail.
 bool next_fails(void *site) {
@@ -69,11 +49,6 @@ bool next_fails(void *site) {
 }  // namespace
 
 namespace kt::alloc {
-void reset() {
-    g_fail_at = 0;
-    g_failed = false;
-    g_count = 0;
-}
 void fail_at(std::size_t n) {
     g_failed = false;
     g_count = 0;

@@ -7,7 +7,9 @@
 #include <cstddef>
 
 namespace kt::alloc {
-void reset();                 // zero the counter, no failure armed
 void fail_at(std::size_t n);  // the nth allocation from now fails (0: none)
 bool failed();                // whether the armed failure has fired
+inline void reset() {
+    fail_at(0);
+}
 }  // namespace kt::alloc

@@ -222,6 +222,36 @@ class Constructors : public kt::FrameworkTest {
         }
     }
 
+    // Fails each platform call the valid input makes, in turn; the
+    // instance pointer is then null.
+    void sweep_platform_calls(rasf_construct_fn cons, rasf_free_fn free_fn, void *desc,
+                              const Texts &texts) {
+        constexpr vogno kInjected = 0x77;
+        kt::Params valid(texts);
+        rasf_inst_t *out = nullptr;
+        kref_trace_start();
+        ASSERT_EQ(call(cons, free_fn, desc, valid, kAsIs, &out), 0u);
+        kref_trace_stop();
+        // The calls the valid input makes, each with its rank among calls of
+        // the same name; the releases after the run are not the constructor's.
+        std::vector<std::pair<std::string, uint32_t>> calls;
+        std::map<std::string, uint32_t> seen;
+        for (const std::string &line : kt::trace()) {
+            const std::string name = line.substr(0, line.find('('));
+            if (name.rfind("rasf_free_", 0) == 0) break;
+            calls.emplace_back(name, ++seen[name]);
+        }
+        EXPECT_FALSE(calls.empty());
+        for (const auto &[name, nth] : calls) {
+            SCOPED_TRACE(name + " #" + std::to_string(nth));
+            kref_fault_set(name.c_str(), nth, kInjected);
+            EXPECT_EQ(call(cons, free_fn, desc, valid, kAsIs, &out), kInjected);
+            kref_fault_clear();
+            EXPECT_EQ(out, nullptr);
+            EXPECT_EQ(kref_live_instances(), 0u);
+        }
+    }
+
     kt::EveryType types_;
 };
 
@@ -246,8 +276,8 @@ TEST_F(Constructors, EveryRegisteredConstructorHasARow) {
 }
 
 // Each refusal, then each allocation of the valid input and of every
-// refusal failing once.
-TEST_F(Constructors, EveryAllocationFailsOncePerOperatorAndRefusal) {
+// refusal failing once, then each platform call of the valid input.
+TEST_F(Constructors, EveryFailureOfEveryConstructorIsClean) {
     for (const Row &row : rows()) {
         SCOPED_TRACE(label(row));
         rasf_construct_fn cons = nullptr;
@@ -258,40 +288,7 @@ TEST_F(Constructors, EveryAllocationFailsOncePerOperatorAndRefusal) {
         for (const Refusal &f : row.refusals)
             sweep_allocations(cons, free_fn, desc, f.texts, f.shape, f.status, f.out,
                               row.late_alloc);
-    }
-}
-
-TEST_F(Constructors, EveryPlatformCallFailsOnceAndLeavesNull) {
-    constexpr vogno kInjected = 0x77;
-    for (const Row &row : rows()) {
-        SCOPED_TRACE(label(row));
-        rasf_construct_fn cons = nullptr;
-        rasf_free_fn free_fn = nullptr;
-        void *desc = nullptr;
-        ASSERT_NO_FATAL_FAILURE(resolve(row, &cons, &free_fn, &desc));
-        rasf_inst_t *out = nullptr;
-        kt::Params valid(row.valid);
-        kref_trace_start();
-        ASSERT_EQ(call(cons, free_fn, desc, valid, kAsIs, &out), 0u);
-        kref_trace_stop();
-        // The calls the valid input makes, each with its rank among calls of
-        // the same name; the releases after the run are not the constructor's.
-        std::vector<std::pair<std::string, uint32_t>> calls;
-        std::map<std::string, uint32_t> seen;
-        for (const std::string &line : kt::trace()) {
-            const std::string name = line.substr(0, line.find('('));
-            if (name.rfind("rasf_free_", 0) == 0) break;
-            calls.emplace_back(name, ++seen[name]);
-        }
-        EXPECT_FALSE(calls.empty());
-        for (const auto &[name, nth] : calls) {
-            SCOPED_TRACE(name + " #" + std::to_string(nth));
-            kref_fault_set(name.c_str(), nth, kInjected);
-            EXPECT_EQ(call(cons, free_fn, desc, valid, kAsIs, &out), kInjected);
-            kref_fault_clear();
-            EXPECT_EQ(out, nullptr);
-            EXPECT_EQ(kref_live_instances(), 0u);
-        }
+        sweep_platform_calls(cons, free_fn, desc, row.valid);
     }
 }
 
