@@ -236,7 +236,7 @@ def test_commands(build):
     return programs + scripts
 
 
-FAILED = re.compile(r"^\[  FAILED  \] (\S+)", re.M)
+FAILED = re.compile(r"^\[  FAILED  \] (\w\S*\.\S+?),?(?: |$)", re.M)
 
 
 def run_tests(commands, build, timeout, each=False):
@@ -257,7 +257,7 @@ def run_tests(commands, build, timeout, each=False):
             name = os.path.basename(cmd[0])
             if not each:
                 return "killed", name
-            tests = sorted({t.rstrip(",") for t in FAILED.findall(r.stdout.decode(errors="replace"))})
+            tests = sorted(set(FAILED.findall(r.stdout.decode(errors="replace"))))
             failed.append(name + (": " + " ".join(tests) if tests else ""))
     return ("killed", "; ".join(failed)) if failed else ("survived", "")
 
