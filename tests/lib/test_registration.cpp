@@ -84,28 +84,6 @@ TEST_F(Registration, IntegerWorkedExampleMakesExactlyTheseCalls) {
 
 // ---- location lists ---------------------------------------------------------
 
-// The first occurrence of a text keeps its place, later ones go; the merged
-// list holds the callers' pointers.
-TEST(MergeLocations, FirstOccurrenceOfEachTextInListOrder) {
-    char a[] = "import", b[] = "import";  // equal texts, not equal pointers
-    const char *ops[] = {a, "export", "import", nullptr};
-    const char *sets[] = {"export", "peer", nullptr};
-    const char *attrs[] = {b, "table", "peer", nullptr};
-    const char **out = nullptr;
-    ASSERT_EQ(kela_shared_merge_locations(&out, ops, sets, nullptr, attrs), 0u);
-    std::vector<std::string> got;
-    for (size_t i = 0; out[i] != nullptr; ++i) got.emplace_back(out[i]);
-    EXPECT_EQ(got, (std::vector<std::string>{"import", "export", "peer", "table"}));
-    EXPECT_EQ(std::tuple(out[0], out[2]), std::tuple(a, sets[1]));
-    std::free(out);
-
-    const char *empty[] = {nullptr};
-    out = ops;  // must be overwritten
-    EXPECT_EQ(kela_shared_merge_locations(&out, nullptr, empty, nullptr, empty),
-              KEL_SHARED_ERR_NO_LOCATIONS);
-    EXPECT_EQ(out, nullptr);
-}
-
 TEST_F(Registration, EmptyLocationListsMakeNoFrameworkCall) {
     shared_kela_uint32_desc_td d{"m", 0, 0, 0, nullptr};
     const char *empty[] = {nullptr};
