@@ -83,7 +83,8 @@ std::vector<Row> rows() {
     r.push_back({"u32", KREF_CMP, "matches-any", seg({{"5"}, {"7"}}), {
         {seg({{"5"}}), kNoDesc, kNoArray, U}, {{}, kAsIs, kNullInput, U},
         {seg({{"5"}, {"x"}}), kAsIs, kBad, U}, {seg({{"5", "6"}}), kAsIs, 4, U},
-        {{"5"}, kAsIs, kNullInput, U}}});
+        {{"5"}, kAsIs, kNullInput, U}, {{"arg1:1", "5"}, kAsIs, kNullInput, U},
+        {seg({{"5"}}), kNoParams, kNullInput, U}, {seg({{"5"}}), kNoSlots, kNullInput, U}}});
     for (kref_kind_t kind : {KREF_CMP, KREF_SET})
         r.push_back({"en", kind, kind == KREF_CMP ? "exact-match" : "assign", {"red"}, {
             {{"blue"}, kAsIs, kBad, U}, {{"red", "red"}, kAsIs, kCount, U}}});

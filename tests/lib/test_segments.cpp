@@ -205,17 +205,6 @@ TEST_F(MatchesAny, VerifierRefusals) {
               (Verdict{KEL_SHARED_ERR_NULL_INPUT, "NULL parameter vector"}));
 }
 
-// The other refusals and failing platform calls: tests/alloc's table.
-TEST_F(MatchesAny, ConstructorRefusals) {
-    rasf_inst_t *inst = nullptr;
-    Params malformed{"arg1:1", "5"}, ok{"arg0:1", "5"};
-    EXPECT_EQ(construct_(2, malformed.vec(), malformed.slots(), &desc_, &inst),
-              KEL_SHARED_ERR_NULL_INPUT);
-    EXPECT_EQ(construct_(2, nullptr, ok.slots(), &desc_, &inst), KEL_SHARED_ERR_NULL_INPUT);
-    EXPECT_EQ(construct_(2, ok.vec(), nullptr, &desc_, &inst), KEL_SHARED_ERR_NULL_INPUT);
-    EXPECT_EQ(inst, nullptr);
-}
-
 TEST_F(MatchesAny, InstanceKeepsItsOwnCopyOfTheDescriptor) {
     Params p{"arg0:1", "42"};
     rasf_inst_t *inst = nullptr;
@@ -224,9 +213,6 @@ TEST_F(MatchesAny, InstanceKeepsItsOwnCopyOfTheDescriptor) {
     auto *copy = static_cast<shared_kela_uint32_desc_td *>(info.ctx);
     ASSERT_NE(copy, &desc_);
     EXPECT_EQ(desc_.value_set, nullptr) << "the client's record is not written";
-    ASSERT_NE(copy->value_set, nullptr);
-    EXPECT_EQ(static_cast<uint32_t *>(copy->value_set)[0], 1u);
-    EXPECT_EQ(static_cast<uint32_t *>(copy->value_set)[1], 42u);
 
     desc_.index = 0;  // later client changes do not reach the instance
     uint32_t v = 42;
