@@ -4,43 +4,18 @@
 // entries, long covering chains, dense and sparse regions (the radix lookup
 // index and its run nodes), wild and address/mask entries, and queries
 // under entries, shorter than them and anywhere.
-#include <arpa/inet.h>
-
 #include <array>
-#include <cstring>
-#include <map>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "kela_callbacks.hpp"
-#include "kela_prefix.hpp"
+#include "prefix_model.hpp"
 #include "support.hpp"
 
 namespace {
 
-using Key = std::array<uint8_t, 16>;
-
-// The first n bits of a, the rest cleared.
-Key cut(const uint8_t *a, int n) {
-    Key k{};
-    for (int b = 0; b < n; ++b) k[b / 8] |= static_cast<uint8_t>(a[b / 8] & (0x80u >> (b % 8)));
-    return k;
-}
-
-struct Query {
-    uint8_t family, len;
-    Key addr;
-};
-
-vogno get_value(void *, void *route, shared_kela_prefix_addr_td *v, uint32_t *more) {
-    auto *q = static_cast<Query *>(route);
-    // One value: `more` is left as the caller set it, which must mean "no
-    // further value".
-    (void)more;
-    *v = {q->family, q->addr.data(), q->len, 0};
-    return 0;
-}
+using pm::cut;
+using pm::Key;
 
 // len is what queries under the entry keep of its address (all of it for
 // an address/mask entry).
@@ -138,57 +113,12 @@ TEST_P(PrefixSetDiff, AgreesWithAScan) {
         if (e.mask == nullptr) e.addr = cut(e.addr.data(), e.len);
         set.push_back(e);
     }
-    std::vector<std::string> texts;
-    char buf[64];
-    for (std::size_t i = 0; i < set.size(); ++i) {
-        const Entry &e = set[i];
-        inet_ntop(shape.v6 ? AF_INET6 : AF_INET, e.addr.data(), buf, sizeof buf);
-        for (const std::string &t : {"arg" + std::to_string(i) + ":4", std::string(buf),
-                                     e.mask ? e.mask : std::to_string(e.len),
-                                     std::to_string(e.ge), std::to_string(e.le)})
-            texts.push_back(t);
-    }
-    std::vector<char *> vec;
-    for (auto &t : texts) vec.push_back(t.data());
-    std::vector<void *> slots(vec.size(), &texts);
-    shared_kela_prefix_desc_td desc{"destination", get_value, nullptr, nullptr, 0};
-    const rasf_construct_fn cons[] = {shared_kela_prefix_cmp_match_cons,
-                                      shared_kela_prefix_cmp_longer_cons,
-                                      shared_kela_prefix_cmp_orlonger_cons};
-    rasf_inst_t *inst = nullptr;
-    ASSERT_EQ(cons[kind - 1](static_cast<uint32_t>(vec.size()), vec.data(), slots.data(), &desc,
-                             &inst),
-              0u);
-    const kref_inst_info_t info = kt::inst_info(inst);
-
-    // The reference: each entry parsed on its own and its own rule applied.
-    // An entry can accept a value only if their first min(len, ge, le)
-    // bits agree (an address/mask entry has length 0), so the entries are
-    // kept under those bits, a shortcut that leaves the rule to decide.
-    std::map<std::pair<int, Key>, std::vector<shared_kela_prefix_matchspec_td *>> by_key;
-    for (std::size_t i = 0; i < set.size(); ++i) {
-        char **t = &vec[5 * i + 1];
-        shared_kela_prefix_matchspec_td *s = nullptr;
-        ASSERT_EQ((set[i].mask ? shared_kela_prefix_cvt_string_to_matchspec_acl
-                               : shared_kela_prefix_cvt_string_to_matchspec)(t[0], t[1], t[2],
-                                                                             t[3], &s),
-                  0u);
-        const int keylen = std::min({s->len, s->ge, s->le});
-        by_key[{keylen, cut(s->addr, keylen)}].push_back(s);
-    }
-    auto want = [&](Query &q) {
-        shared_kela_prefix_addr_td v{q.family, q.addr.data(), q.len, 0};
-        for (int l = 0; l <= q.len; ++l) {
-            auto it = by_key.find({l, cut(q.addr.data(), l)});
-            if (it == by_key.end()) continue;
-            for (auto *s : it->second)
-                if (s->is_acl ? shared_kela_prefix_match_acl(&v, s)
-                              : shared_kela_prefix_match(
-                                    &v, s, static_cast<shared_kela_prefix_cmp_td>(kind)))
-                    return 1;
-        }
-        return 0;
-    };
+    std::vector<pm::Entry> texts;
+    for (const Entry &e : set)
+        texts.push_back({pm::text(shape.v6, e.addr.data()), e.mask ? e.mask : std::to_string(e.len),
+                         std::to_string(e.ge), std::to_string(e.le)});
+    const pm::Set built(kind, texts);
+    ASSERT_EQ(built.status(), 0u);
 
     // Queries under an entry (its length or up to 8 bits longer), shorter
     // than an entry (the lookup ends above the index's nodes), and drawn
@@ -197,7 +127,7 @@ TEST_P(PrefixSetDiff, AgreesWithAScan) {
     for (int i = 0; i < 20000 && mismatches < 5; ++i) {
         Entry e{};
         draw(shape, rng, e);
-        Query q{static_cast<uint8_t>(shape.v6 ? 10 : 2), static_cast<uint8_t>(e.len), e.addr};
+        pm::Query q{static_cast<uint8_t>(shape.v6 ? 10 : 2), static_cast<uint8_t>(e.len), e.addr};
         if (i % 3 != 2) {
             const Entry &base = set[rng() % set.size()];
             Key keep;
@@ -209,21 +139,14 @@ TEST_P(PrefixSetDiff, AgreesWithAScan) {
                                                     : std::max(2, base.len - upto(11)));
         }
         q.addr = cut(q.addr.data(), q.len);
-        int32_t got = -1;
-        ASSERT_EQ(info.cmp(&q, info.count, info.slots, info.ctx, &got), 0u);
-        const int expected = want(q);
+        const int32_t got = built.answer(q), expected = built.rule(q);
         hits += expected;
-        if (got != expected && ++mismatches <= 5) {
-            inet_ntop(shape.v6 ? AF_INET6 : AF_INET, q.addr.data(), buf, sizeof buf);
-            ADD_FAILURE() << shape.name << " kind " << kind << ": " << buf << "/" << int(q.len)
+        if (got != expected && ++mismatches <= 5)
+            ADD_FAILURE() << shape.name << " kind " << kind << ": "
+                          << pm::text(shape.v6, q.addr.data()) << "/" << int(q.len)
                           << ": set says " << got << ", the rule says " << expected;
-        }
     }
     EXPECT_GT(hits, 1000) << "the queries must exercise matches too";
-    for (auto &kv : by_key)
-        for (auto *s : kv.second) kela::prefix::free_spec(s);
-    shared_kela_prefix_cmp_match_free(info.ctx);
-    rasf_free_cmp_instance(inst);
 }
 
 std::vector<Case> cases() {
