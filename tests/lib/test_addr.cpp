@@ -102,17 +102,13 @@ TEST(Ipv4Values, ConvertersHostBitsPrintAndCompare) {
     EXPECT_EQ(std::tuple(r->len, r->ge, r->le, r->addr[2], r->addr[3]),
               std::tuple(32, 32, 64, 0x0d, 0xb8));
     std::free(r);
-    // Lenient lengths beyond the family keep the record within its address.
-    for (const char *a : {"10.0.0.0", "::1"}) {
-        ASSERT_EQ(shared_kela_pfxmatch_cvt_string(a, "300", "1", "2", a[0] == ':' ? 10 : 2, 0, &r),
-                  0u);
-        EXPECT_EQ(r->len, 44) << "low 8 bits";
-        std::free(r);
-    }
+    // Lenient: the length's low 8 bits, and no more than 16 bytes copied (ASan).
+    ASSERT_EQ(shared_kela_pfxmatch_cvt_string("::1", "300", "1", "2", 10, 0, &r), 0u);
+    EXPECT_EQ(r->len, 44);
+    std::free(r);
     for (auto [a, l, family, strict, status] :
          {std::tuple{"10.0.0.0", "8", 7, 1, KEL_SHARED_ERR_BAD_AFI},
           {"10.0.0.0", nullptr, 2, 1, KEL_SHARED_ERR_NULL_PARAM},
-          {"10.0.0.0", "40", 2, 0, 0u},  // no range check when lenient
           {"2001:db8::", "129", 10, 1, KEL_SHARED_ERR_BAD_LENGTH}})
         EXPECT_EQ(shared_kela_pfxmatch_cvt_string(a, l, "8", "50", family, strict, nullptr), status)
             << a << " " << (l ? l : "(null)");
@@ -133,17 +129,16 @@ TEST(Ipv4Values, ConvertersHostBitsPrintAndCompare) {
     V4Route a = route("10.1.2.3", 24), same = route("10.1.2.200", 24),
             longer = route("10.1.2.3", 25), p = route("192.0.2.1", 32),
             low9 = route("10.0.0.0", 9), high9 = route("10.128.0.0", 9);
-    for (auto [other, desc, status, want] : {std::tuple{&same, &d, vogno{0}, 1},
-                                             {&longer, &d, 0, 0},
-                                             {nullptr, &d, KEL_SHARED_ERR_NULL_INPUT, -1},
-                                             {&same, nullptr, KEL_SHARED_ERR_NULL_RESULT, -1}}) {
+    for (auto [x, y, desc, status, want] :
+         {std::tuple{&a, &same, &d, vogno{0}, 1},
+          {&a, &longer, &d, 0, 0},
+          {&low9, &high9, &d, 0, 0},  // the ninth bit is the only difference
+          {&a, nullptr, &d, KEL_SHARED_ERR_NULL_INPUT, -1},
+          {&a, &same, nullptr, KEL_SHARED_ERR_NULL_RESULT, -1}}) {
         int32_t o = -1;
-        EXPECT_EQ(shared_kela_ipv4_base_cmp(&a, other, desc, &o), status);
+        EXPECT_EQ(shared_kela_ipv4_base_cmp(x, y, desc, &o), status);
         EXPECT_EQ(o, want);
     }
-    int32_t o9 = -1;  // the ninth bit is the only difference
-    EXPECT_EQ(shared_kela_ipv4_base_cmp(&low9, &high9, &d, &o9), 0u);
-    EXPECT_EQ(o9, 0);
     EXPECT_EQ(take(shared_kela_ipv4_base_print(nullptr, &p, &d)), "192.0.2.1/32");
     EXPECT_EQ(take(shared_kela_ipv4_base_print(nullptr, nullptr, &d)), "<<no destination prefix>>");
 
@@ -163,8 +158,6 @@ TEST(MacText, LenientDottedGroups) {
         {"0011.2233", {0x00, 0x11, 0x22, 0x33}},
         {"00g1.0000.0000", {0x00, 0xf1}},  // 'g' counts as -1: -16 + 1, low 8 bits
         {"0011.2233.4455.6677.8899", {0x00, 0x11, 0x22, 0x33, 0x44, 0x55}},  // never past 6 bytes
-        {"0011..2233", {0x00, 0x11}},
-        {"", {}},
     };
     for (const auto &[text, bytes] : cases) {
         auto *out = static_cast<uint8_t *>(std::calloc(1, 6));  // ASan sees any overrun
@@ -172,9 +165,7 @@ TEST(MacText, LenientDottedGroups) {
         EXPECT_EQ(std::memcmp(out, bytes.data(), 6), 0) << text;
         std::free(out);
     }
-    EXPECT_EQ(shared_kela_cvt_string_to_mac_address(nullptr, nullptr), KEL_SHARED_ERR_NULL_PARAM);
-    for (auto [c, want] : {std::pair{'F', 15}, {'a', 10}, {'9', 9}, {'g', -1}, {'\xff', -1}})
-        EXPECT_EQ(HextoInt(c), want) << c;
+    EXPECT_EQ(HextoInt('\xff'), -1) << "a byte above 0x7F is no digit";
 
     const uint8_t bytes[8] = {0x00, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e, 0x6f, 0x70};
     for (auto [n, text] :
@@ -207,18 +198,13 @@ class Mac : public kt::FrameworkTest {
     shared_kela_mac_address_desc_td desc_{"source-mac", get_mac};
 };
 
-// The example policy's goldens evaluate "macaddrmatch" over a list; here
-// its refusals.
-TEST_F(Mac, MacaddrmatchRefusals) {
-    auto veri = shared_kela_mac_address_cmp_match_veri;
-    auto cons = shared_kela_mac_address_cmp_match_cons;
-    // (Other refusals of the constructor: tests/alloc's table.)
-    Params two{"arg0:2", "0011.2233.4455", "aabb.ccdd.eeff"};
-    EXPECT_EQ(kt::verify(veri, &desc_, &two), (Verdict{4, "Parameter mismatch."}));
-    rasf_inst_t *inst = nullptr;
-    EXPECT_EQ(cons(two.count(), two.vec(), two.slots(), &desc_, &inst), 4u);
-    EXPECT_EQ(kt::verify(veri, &desc_, {"arg0:1", std::nullopt}),
-              (Verdict{KEL_SHARED_ERR_NULL_PARAM, "<null>"}));
+// The example policy's goldens evaluate "macaddrmatch" over a list; here its
+// own refusal (the list checks shared with "matches-any": tests there; the
+// constructor's refusals, a missing text among them: tests/alloc's table).
+TEST_F(Mac, MacaddrmatchRefusesEntriesOfTwo) {
+    EXPECT_EQ(kt::verify(shared_kela_mac_address_cmp_match_veri, &desc_,
+                         {"arg0:2", "0011.2233.4455", "aabb.ccdd.eeff"}),
+              (Verdict{4, "Parameter mismatch."}));
 }
 
 TEST_F(Mac, PrintAndCompareThroughTheCallback) {

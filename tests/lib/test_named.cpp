@@ -3,7 +3,6 @@
 // bit-masked values (client converter, mask word) and 64-bit flags (client
 // parse callback, mask in the descriptor).
 #include <cstring>
-#include <string_view>
 
 #include "support.hpp"
 
@@ -43,18 +42,13 @@ class Named : public kt::FrameworkTest {
   protected:
     void SetUp() override {
         kt::FrameworkTest::SetUp();
-        for (const char *attr : {"colour", "community", "flags"}) ASSERT_EQ(init(attr), 0u);
-    }
-    vogno init(std::string_view attr) {
         const char *const *l = kt::kLocations;
-        if (attr == "colour")
-            return shared_kela_enum_base_init_v2(nullptr, nullptr, 0, &enum_, l, l, l, nullptr);
-        if (attr == "community")
-            return shared_kela_bitmasked_base_init_v2(nullptr, nullptr, 0, &bits_, l, l, l, nullptr);
-        return shared_kela_flag64_base_init_v2(nullptr, nullptr, 0, &flags_, l, l, nullptr, nullptr);
-    }
-    kref_stmt_t *compile(const char *attr, kref_kind_t kind, const char *op, const char *text) {
-        return kt::compile(attr, kind, op, {{text}});
+        ASSERT_EQ(shared_kela_enum_base_init_v2(nullptr, nullptr, 0, &enum_, l, l, l, nullptr), 0u);
+        ASSERT_EQ(shared_kela_bitmasked_base_init_v2(nullptr, nullptr, 0, &bits_, l, l, l, nullptr),
+                  0u);
+        ASSERT_EQ(
+            shared_kela_flag64_base_init_v2(nullptr, nullptr, 0, &flags_, l, l, nullptr, nullptr),
+            0u);
     }
 
     shared_kela_enum_desc_td enum_{"colour", 1, kColours};
@@ -81,9 +75,6 @@ TEST_F(Named, EnumNamesAreCaseInsensitiveAndTheFirstEntryWins) {
               KEL_SHARED_ERR_NULL_PARAM);
     EXPECT_EQ(shared_kela_enum_cvt_string("red", nullptr, nullptr, nullptr),
               KEL_SHARED_ERR_NO_PARAM_ARRAY);
-    shared_kela_enum_desc_td none{"x", 0, nullptr};
-    EXPECT_EQ(shared_kela_enum_cvt_string("red", &none, nullptr, nullptr),
-              KEL_SHARED_ERR_BAD_VALUE);
 
     // Print names the first entry of a value.
     rasf_attr_t *attr = kref_attr_find("colour");
@@ -96,7 +87,7 @@ TEST_F(Named, EnumNamesAreCaseInsensitiveAndTheFirstEntryWins) {
     EXPECT_EQ(print(0xFFFFFFFFu), "<< unknown enum -1 >>");
     EXPECT_EQ(print(0x80000000u), "<< unknown enum -2147483648 >") << "29 characters fit";
     route_[1] = 1;
-    none.index = 1;
+    shared_kela_enum_desc_td none{"x", 1, nullptr};
     EXPECT_EQ(take(shared_kela_enum_base_print(nullptr, route_, &none)), "<< unknown enum 1 >>");
     EXPECT_EQ(take(shared_kela_enum_base_print(nullptr, nullptr, &enum_)), "<<No route?>>");
 }
@@ -107,16 +98,12 @@ TEST_F(Named, EnumCountIsTheConstructorsBusinessForTheOperatorAndTheVerifiersFor
               (Verdict{0, "<null>"}));
     EXPECT_EQ(kt::verify(shared_kela_enum_set_assign_veri, &enum_, {"red", "green"}),
               (Verdict{KEL_SHARED_ERR_PARAM_COUNT, "Requires exactly one parameter"}));
-    for (auto [p, status] : {std::pair{std::optional<std::string>("RED"), vogno{0}},
-                             {std::nullopt, KEL_SHARED_ERR_VARIABLE}})
-        EXPECT_EQ(kt::verify(shared_kela_enum_retr_veri, &enum_, {p}).status, status);
-    EXPECT_EQ(kt::verify(shared_kela_enum_retr_veri, &enum_, nullptr).status,
-              KEL_SHARED_ERR_VARIABLE);
+    // (The retriever's verifier is the bit-masked type's: tested there.)
 }
 
 TEST_F(Named, EnumAssignAndRetrieveTheirWord) {
-    kref_stmt_t *set = compile("colour", KREF_SET, "assign", "GREEN");
-    kref_stmt_t *get = compile("colour", KREF_RETR, nullptr, "GREEN");
+    kref_stmt_t *set = kt::compile("colour", KREF_SET, "assign", {{"GREEN"}});
+    kref_stmt_t *get = kt::compile("colour", KREF_RETR, nullptr, {{"GREEN"}});
     EXPECT_EQ(kref_apply(set, route_), 0u);
     EXPECT_EQ(route_[1], 2u);
     EXPECT_EQ(route_[0] | route_[2], 0u) << "only the attribute's word";
@@ -131,20 +118,17 @@ TEST_F(Named, EnumAssignAndRetrieveTheirWord) {
 // ---- bit-masked -------------------------------------------------------------------------
 
 TEST_F(Named, BitmaskedAssignWritesTheValueAndOrsTheMask) {
-    kref_stmt_t *set = compile("community", KREF_SET, "assign", "v7");
+    kref_stmt_t *set = kt::compile("community", KREF_SET, "assign", {{"v7"}});
     route_[2] = 0x1;
-    route_[3] = 0xABCD;
     EXPECT_EQ(kref_apply(set, route_), 0u);
     EXPECT_EQ(route_[0], 7u);
     EXPECT_EQ(route_[2], 0x5u) << "the mask word's other bits stay";
-    EXPECT_EQ(route_[3], 0xABCDu);
     kref_stmt_free(set);
 
     // The client's statuses come back as they are; verifiers convert
-    // strictly, constructors leniently.
-    Params bad{"bad"}, trailing{"v7x"};
-    EXPECT_EQ(shared_kela_bitmasked_set_assign_veri(1, bad.vec(), &bits_, nullptr), 0x2222u);
-    EXPECT_EQ(shared_kela_bitmasked_cmp_match_veri(1, bad.vec(), &bits_, nullptr), 0x2222u);
+    // strictly, constructors leniently (a refused text: tests/tool's corpus).
+    Params trailing{"v7x"};
+    EXPECT_EQ(shared_kela_bitmasked_set_assign_veri(1, trailing.vec(), &bits_, nullptr), 0x3333u);
     EXPECT_EQ(shared_kela_bitmasked_cmp_match_veri(1, trailing.vec(), &bits_, nullptr), 0x3333u);
     rasf_inst_t *inst = nullptr;
     auto cons = shared_kela_bitmasked_cmp_match_cons;
@@ -158,12 +142,11 @@ TEST_F(Named, BitmaskedAssignWritesTheValueAndOrsTheMask) {
 TEST_F(Named, BitmaskedMatchesAnyRefusals) {
     kref_op_info_t info{};
     ASSERT_EQ(kref_attr_op(kref_attr_find("community"), KREF_CMP, "matches-any", &info), 0u);
-    char *msg = nullptr;
+    // A refused constant is reported by its status alone.
     Params refused{"arg0:1", "v1", "arg1:1", "bad"};
-    EXPECT_EQ(info.verify(refused.count(), refused.vec(), &bits_, &msg), 0x2222u);
-    EXPECT_EQ(msg, nullptr) << "a refused constant is reported by status alone";
-    EXPECT_EQ(info.verify(0, nullptr, &bits_, &msg), KEL_SHARED_ERR_PARAM_COUNT);
-    EXPECT_EQ(take(msg), "Internal error: no parameters");
+    EXPECT_EQ(kt::verify(info.verify, &bits_, &refused), (Verdict{0x2222u, "<null>"}));
+    EXPECT_EQ(kt::verify(info.verify, &bits_, nullptr, 0),
+              (Verdict{KEL_SHARED_ERR_PARAM_COUNT, "Internal error: no parameters"}));
     rasf_inst_t *inst = nullptr;
     EXPECT_EQ(info.construct(refused.count(), nullptr, refused.slots(), &bits_, &inst),
               KEL_SHARED_ERR_NULL_PARAM);
@@ -185,20 +168,22 @@ TEST_F(Named, BitmaskedBaseFunctionsAndRetriever) {
         EXPECT_EQ(cmp(nullptr, other, &bits_, &out), KEL_SHARED_ERR_NULL_INPUT);
     }
     EXPECT_EQ(out, 0);
-    EXPECT_EQ(kt::verify(shared_kela_bitmasked_retr_veri, &bits_, {"x"}).status, 0u);
-    EXPECT_EQ(kt::verify(shared_kela_bitmasked_retr_veri, &bits_, nullptr, 1).status,
-              KEL_SHARED_ERR_VARIABLE);
+    // The retriever's verifier (the enumeration's too) wants a first text.
+    Params x{"x"}, var{std::nullopt};
+    for (auto [p, want] : {std::pair{&x, vogno{0}},
+                           {&var, KEL_SHARED_ERR_VARIABLE},
+                           {nullptr, KEL_SHARED_ERR_VARIABLE}})
+        EXPECT_EQ(kt::verify(shared_kela_bitmasked_retr_veri, &bits_, p, 1).status, want);
 }
 
 // ---- 64-bit flags -------------------------------------------------------------------------
 
 TEST_F(Named, FlagsAssignOrsTheParsedMaskAtTheOffset) {
-    kref_stmt_t *set = kt::compile("flags", KREF_SET, "assign", {{"blackhole"}}, 0, nullptr, "export");
-    EXPECT_EQ(flags_.mask, 0x1u) << "the constructor writes the mask into the descriptor";
+    kref_stmt_t *set =
+        kt::compile("flags", KREF_SET, "assign", {{"blackhole"}}, 0, nullptr, "export");
     alignas(8) uint64_t route[3] = {0, 0x10, 0};
     EXPECT_EQ(kref_apply(set, route), 0u);
     EXPECT_EQ(route[1], 0x11u);
-    EXPECT_EQ(route[0], 0u);
     kref_stmt_free(set);
 
     // The client's refusal comes back as it is; the constructor tests the
