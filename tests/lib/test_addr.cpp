@@ -198,13 +198,14 @@ class Mac : public kt::FrameworkTest {
     shared_kela_mac_address_desc_td desc_{"source-mac", get_mac};
 };
 
-// The example policy's goldens evaluate "macaddrmatch" over a list; here its
-// own refusal (the list checks shared with "matches-any": tests there; the
-// constructor's refusals, a missing text among them: tests/alloc's table).
-TEST_F(Mac, MacaddrmatchRefusesEntriesOfTwo) {
-    EXPECT_EQ(kt::verify(shared_kela_mac_address_cmp_match_veri, &desc_,
-                         {"arg0:2", "0011.2233.4455", "aabb.ccdd.eeff"}),
+// The example policy's goldens evaluate "macaddrmatch" over a list; here
+// its verifier's refusals (the constructor's: tests/alloc's table).
+TEST_F(Mac, MacaddrmatchRefusals) {
+    auto veri = shared_kela_mac_address_cmp_match_veri;
+    EXPECT_EQ(kt::verify(veri, &desc_, {"arg0:2", "0011.2233.4455", "aabb.ccdd.eeff"}),
               (Verdict{4, "Parameter mismatch."}));
+    EXPECT_EQ(kt::verify(veri, &desc_, {"arg0:1", std::nullopt}),
+              (Verdict{KEL_SHARED_ERR_NULL_PARAM, "<null>"}));
 }
 
 TEST_F(Mac, PrintAndCompareThroughTheCallback) {
