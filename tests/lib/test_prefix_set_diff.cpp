@@ -7,6 +7,7 @@
 #include <array>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "prefix_model.hpp"
@@ -61,20 +62,16 @@ void draw(const Shape &s, std::mt19937 &rng, Entry &e) {
         }
 }
 
-struct Case {
-    Shape shape;
-    int kind;
-};
-
-void PrintTo(const Case &c, std::ostream *os) {
-    *os << c.shape.name << " kind " << c.kind;
+void PrintTo(const Shape &s, std::ostream *os) {
+    *os << s.name;
 }
 
-class PrefixSetDiff : public kt::FrameworkTest, public ::testing::WithParamInterface<Case> {};
+// A shape and a kind: 1 "pfxmatch", 2 "pfxlonger", 3 "pfxorlonger".
+class PrefixSetDiff : public kt::FrameworkTest,
+                      public ::testing::WithParamInterface<std::tuple<Shape, int>> {};
 
 TEST_P(PrefixSetDiff, AgreesWithAScan) {
-    const Shape &shape = GetParam().shape;
-    const int kind = GetParam().kind;
+    const auto &[shape, kind] = GetParam();
     const int bits = shape.v6 ? 128 : 32;
     std::mt19937 rng(static_cast<unsigned>(shape.entries * 7 + kind));
     auto upto = [&](int n) { return static_cast<int>(rng() % (n + 1)); };
@@ -149,18 +146,13 @@ TEST_P(PrefixSetDiff, AgreesWithAScan) {
     EXPECT_GT(hits, 1000) << "the queries must exercise matches too";
 }
 
-std::vector<Case> cases() {
-    std::vector<Case> out;
-    for (const Shape &s : kShapes)
-        for (int kind = 1; kind <= 3; ++kind) out.push_back({s, kind});
-    return out;
-}
-
-std::string name(const ::testing::TestParamInfo<Case> &i) {
+std::string name(const ::testing::TestParamInfo<std::tuple<Shape, int>> &i) {
     static const char *const kKinds[] = {"", "match", "longer", "orlonger"};
-    return std::string(i.param.shape.name) + "_" + kKinds[i.param.kind];
+    return std::string(std::get<0>(i.param).name) + "_" + kKinds[std::get<1>(i.param)];
 }
 
-INSTANTIATE_TEST_SUITE_P(Shapes, PrefixSetDiff, ::testing::ValuesIn(cases()), name);
+INSTANTIATE_TEST_SUITE_P(Shapes, PrefixSetDiff,
+                         ::testing::Combine(::testing::ValuesIn(kShapes), ::testing::Values(1, 2, 3)),
+                         name);
 
 }  // namespace
