@@ -27,8 +27,7 @@ constexpr int kRange = 0;  // not a lookup kind of the client: the longer-range 
 
 // Asks the routing table about prefix/len; a range lookup takes routes up to
 // `last` long.
-int ask(const char *prefix, uint32_t len, int kind, rib_tableid_td table = 0, uint32_t last = 0,
-        ip_rib_route2 **route = nullptr) {
+int ask(const char *prefix, uint32_t len, int kind, rib_tableid_td table = 0, uint32_t last = 0) {
     ip_rib_conn_p conn =
         kref_rib_conn(std::strchr(prefix, ':') ? IP_RIB_AFI_IPV6 : IP_RIB_AFI_IPV4);
     ip_rib_route2 *r = nullptr;
@@ -38,7 +37,6 @@ int ask(const char *prefix, uint32_t len, int kind, rib_tableid_td table = 0, ui
             ? ip_rib_route_lookup_longer_range2(conn, table, a(prefix).b, len, last, &r, &found)
             : ip_rib_route_lookup2(conn, table, a(prefix).b, len, kind, 0, &r, &found),
         0u);
-    if (route != nullptr) *route = r;
     return found;
 }
 
@@ -49,16 +47,14 @@ class RoutingState : public ::testing::Test {
 };
 
 // The IPv4 range lookup against every kind of neighbour is
-// RangeLookupAgreesWithAScan's.
+// RangeLookupAgreesWithAScan's, the refusal of over-long prefixes
+// AsyncEntriesLongerThanTheirFamilyAreRefused's.
 TEST_F(RoutingState, ExactAndRangeLookupsPerFamilyAndTable) {
     ASSERT_EQ(kref_rib_add(IP_RIB_AFI_IPV4, 0, a("10.1.2.0").b, 24, "192.0.2.1"), 0u);
-    ASSERT_EQ(kref_rib_add(IP_RIB_AFI_IPV4, 0, a("10.1.2.99").b, 24, "again"), 0u);
+    ASSERT_EQ(kref_rib_add(IP_RIB_AFI_IPV4, 0, a("10.1.2.99").b, 24, nullptr), 0u);
     ASSERT_EQ(kref_rib_add(IP_RIB_AFI_IPV6, 5, a("2001:db8::").b, 48, nullptr), 0u);
     EXPECT_EQ(kref_rib_count(IP_RIB_AFI_IPV4, 0), 1u) << "host bits ignored: the same route";
-    EXPECT_EQ(ip_rib_client_get_afi(kref_rib_conn(IP_RIB_AFI_IPV6)), IP_RIB_AFI_IPV6);
-    ip_rib_route2 *r = nullptr;
-    EXPECT_EQ(ask("10.1.2.0", 24, IP_RIB_LOOKUP_EXACT, 0, 0, &r), 1);
-    EXPECT_STREQ(kref_rib_route_data(r), "again") << "adding it again replaced its data";
+    EXPECT_EQ(ask("10.1.2.0", 24, IP_RIB_LOOKUP_EXACT), 1);
     EXPECT_EQ(ask("10.1.2.0", 23, IP_RIB_LOOKUP_EXACT), 0);
     EXPECT_EQ(ask("10.1.2.7", 32, IP_RIB_LOOKUP_BEST), 1);
     EXPECT_EQ(ask("2001:db8::", 48, IP_RIB_LOOKUP_EXACT), 0) << "table 0 of IPv6 is empty";
@@ -70,7 +66,6 @@ TEST_F(RoutingState, ExactAndRangeLookupsPerFamilyAndTable) {
     EXPECT_EQ(kref_rib_remove(IP_RIB_AFI_IPV4, 0, a("10.1.2.0").b, 24), KREF_ERR_NOT_FOUND);
     EXPECT_EQ(ask("10.1.2.0", 24, IP_RIB_LOOKUP_EXACT), 0);
     EXPECT_EQ(kref_rib_add(3, 0, a("10.0.0.0").b, 8, nullptr), KREF_ERR_BAD_ARG);
-    EXPECT_EQ(kref_rib_add(IP_RIB_AFI_IPV4, 0, a("10.0.0.0").b, 33, nullptr), KREF_ERR_BAD_ARG);
 }
 
 TEST_F(RoutingState, RangeLookupAgreesWithAScan) {
@@ -175,11 +170,7 @@ TEST_F(RoutingState, AsyncRequestsAreAnsweredAnewWhenRoutesChange) {
 // client refuses it, with no identifier, as the routing table refuses such
 // a route.
 TEST_F(RoutingState, AsyncEntriesLongerThanTheirFamilyAreRefused) {
-    struct Case {
-        uint8_t v4_len, v6_len;
-    };
-    for (auto [l4, l6] : {Case{32, 128}, {33, 128}, {32, 129}}) {
-        SCOPED_TRACE(std::to_string(l4) + " " + std::to_string(l6));
+    for (auto [l4, l6] : {std::pair<uint8_t, uint8_t>{32, 128}, {33, 128}, {32, 129}}) {
         pcl_rhr_v4_entry v4{{10, 9, 0, 0}, l4, {}};
         pcl_rhr_v6_entry v6{{0x20, 0x01, 0x0d, 0xb8}, l6, {}};
         const vogno rib = kref_rib_add(IP_RIB_AFI_IPV4, 0, v4.addr, l4, nullptr) |
@@ -189,10 +180,8 @@ TEST_F(RoutingState, AsyncEntriesLongerThanTheirFamilyAreRefused) {
         req.v4 = &v4;
         req.v6 = &v6;
         uint32_t id = 0;
-        const size_t before = kref_async_requests();
-        EXPECT_EQ(pcl_async_rib_has_route_register(&req, &id, nullptr), rib);
+        EXPECT_EQ(pcl_async_rib_has_route_register(&req, &id, nullptr), rib) << +l4 << " " << +l6;
         EXPECT_EQ(id != 0, rib == 0);
-        EXPECT_EQ(kref_async_requests(), before + (rib == 0 ? 1 : 0));
     }
 }
 
@@ -202,14 +191,11 @@ vogno on_state(const char *, uint32_t, void *) {
     return 0;
 }
 
+// Which client calls the library makes, in order, is tests/lib's
+// (State.TrackFollowsTheObjectsState); here what the library never sees.
 TEST_F(RoutingState, TrackedObjectsNotifyOnlyRegisteredChanges) {
-    uint32_t known = 9;
-    ASSERT_EQ(pcl_async_search_track_name("T1", &known), 0u);
-    EXPECT_EQ(known, 0u);
     EXPECT_EQ(pcl_aysnc_ot_compute_state("T1", PCL_OT_STATE_DOWN), 1) << "never set: down";
     ASSERT_EQ(pcl_async_insert_track_name("T1", nullptr, PCL_OT_STATE_UP, on_state), 0u);
-    ASSERT_EQ(pcl_async_search_track_name("T1", &known), 0u);
-    EXPECT_EQ(known, 1u);
     ot_calls = 0;
     ASSERT_EQ(kref_track_set("T1", 1), 0u);
     EXPECT_EQ(ot_calls, 0) << "not registered for tracking yet";
