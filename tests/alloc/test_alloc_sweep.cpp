@@ -198,16 +198,14 @@ TEST_F(AllocSweep, PrefixType) {
     // build reports 4 (a segment list that cannot be made: bad value) and
     // tears everything down; without room for its print text "pfxmatch"
     // still compiles, it only prints nothing.
-    Params set{"arg0:4",   "0.0.0.0", "0",        "0",          "8",          "arg1:4",
-               "10.0.0.0", "8",       "8",        "24",         "arg2:4",     "10.0.0.0",
-               "8",        "16",      "16",       "arg3:4",     "172.16.0.0", "0.15.255.255",
-               "16",       "24",      "arg4:4",   "2001:db8::", "32",         "32",
-               "48",       "arg5:4",  "10.0.0.0", "8",          "20",         "20"};
+    Params set(kt::segments({{"0.0.0.0", "0", "0", "8"}, {"10.0.0.0", "8", "8", "24"},
+                             {"10.0.0.0", "8", "16", "16"},
+                             {"172.16.0.0", "0.15.255.255", "16", "24"},
+                             {"2001:db8::", "32", "32", "48"}, {"10.0.0.0", "8", "20", "20"}}));
     rasf_inst_t *inst = nullptr;
     ASSERT_EQ(shared_kela_prefix_cmp_match_cons(set.count(), set.vec(), set.slots(), &desc, &inst),
               0u);
-    kref_inst_info_t info{};
-    ASSERT_EQ(kref_inst_get(inst, &info), 0u);
+    kref_inst_info_t info = kt::inst_info(inst);
     rasf_inst_t *none = nullptr;
     kt::alloc::fail_at(1);  // the operator's context, before any entry
     EXPECT_EQ(shared_kela_prefix_cmp_match_cons(set.count(), set.vec(), set.slots(), &desc, &none),
@@ -248,8 +246,7 @@ TEST_F(AllocSweep, RoutingStateTypes) {
     Params set{"arg0:4", "10.0.0.0", "8", "8", "8", "arg1:4", "2001:db8::", "32", "32", "32"};
     rasf_inst_t *inst = nullptr;
     ASSERT_EQ(shared_kela_rhr_cmp_async_cons(set.count(), set.vec(), set.slots(), &rhr, &inst), 0u);
-    kref_inst_info_t info{};
-    ASSERT_EQ(kref_inst_get(inst, &info), 0u);
+    kref_inst_info_t info = kt::inst_info(inst);
     std::uint64_t key = 0;
     // Each run asks anew for a key of its own.  A failed entry array is no
     // memory; a failed identifier cell leaves the request unremembered and

@@ -152,7 +152,8 @@ std::string name(const ::testing::TestParamInfo<std::tuple<Shape, int>> &i) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Shapes, PrefixSetDiff,
-                         ::testing::Combine(::testing::ValuesIn(kShapes), ::testing::Values(1, 2, 3)),
+                         ::testing::Combine(::testing::ValuesIn(kShapes),
+                                            ::testing::Values(1, 2, 3)),
                          name);
 
 }  // namespace

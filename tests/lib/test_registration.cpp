@@ -229,14 +229,8 @@ const Injected kInjected[] = {
     {"track", "rasf_args_n_add", 1, "rasf_args_n_add: : (1,3) at kela_track@317"},
 };
 
-INSTANTIATE_TEST_SUITE_P(
-    EveryType, FirstFailure, ::testing::ValuesIn(kInjected),
-    [](const ::testing::TestParamInfo<Injected> &info) {
-        std::string name = std::string(info.param.type) + "_" + info.param.op + "_" +
-                           std::to_string(info.param.nth);
-        std::replace(name.begin(), name.end(), '-', '_');
-        return name;
-    });
+// Named by index; a failure names the row through PrintTo.
+INSTANTIATE_TEST_SUITE_P(EveryType, FirstFailure, ::testing::ValuesIn(kInjected));
 
 TEST_F(Registration, ErrorBufferBounds) {
     shared_kela_uint8_desc_td d{"a-rather-long-attribute-name", 0, 0, 0};

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <random>
+#include <tuple>
 
 #include "support.hpp"
 
@@ -12,13 +13,8 @@ namespace {
 using kt::Params;
 using kt::Verdict;
 
-struct Pos {
-    int32_t start, end, cursor;
-    bool operator==(const Pos &) const = default;
-};
-std::ostream &operator<<(std::ostream &os, const Pos &p) {
-    return os << "{" << p.start << ", " << p.end << ", " << p.cursor << "}";
-}
+// The record's segment start, segment end and cursor.
+using Pos = std::tuple<int32_t, int32_t, int32_t>;
 Pos pos(const kel_shared_sl_td *sl) {
     return {sl->seg_start, sl->seg_end, sl->cursor};
 }

@@ -159,8 +159,7 @@ TEST_F(State, AsyncRegistersOncePerKeyAndFollowsTheRoutingTable) {
                              {{"10.0.0.0", "8", "8", "8"},
                               {"2001:db8::", "32", "32", "32"},
                               {"10.2.0.0", "16", "16", "16"}});
-    kref_inst_info_t info{};
-    ASSERT_EQ(kref_inst_get(kref_stmt_instance(s), &info), 0u);
+    kref_inst_info_t info = kt::inst_info(kref_stmt_instance(s));
     auto answer = [&](void *ctx, uint64_t key, vogno status) {
         int32_t out = -1;
         EXPECT_EQ(info.cmp_async(nullptr, 15, nullptr, ctx, &out, nullptr, key), status);
@@ -168,11 +167,8 @@ TEST_F(State, AsyncRegistersOncePerKeyAndFollowsTheRoutingTable) {
     };
     EXPECT_EQ(answer(info.ctx, 42, 16), 0) << "nothing requested yet";
 
-    kref_eval_rec_t rec{};
-    rec.session = 3;  // the routing table the client answers from
-    rec.client = 0x1234;
-    rec.afi = 1;
-    rec.key = 42;
+    // The session names the routing table the client answers from.
+    kref_eval_rec_t rec{.session = 3, .client = 0x1234, .afi = 1, .reserved = {}, .key = 42};
     EXPECT_EQ(kt::eval(s, nullptr, 0, &rec), 0);
     ASSERT_EQ(kref_async_requests(), 1u);
     uint64_t session = 0, key = 0;
@@ -213,8 +209,7 @@ TEST_F(State, TrackFollowsTheObjectsState) {
     kref_stmt_t *up = compile("track", "is", {{"x"}, {"T1"}, {"up"}});
     kref_stmt_t *down = compile("track", "is", {{"x"}, {"T1"}, {"down"}});
     EXPECT_EQ(take(kref_stmt_print(down)), "<<T1 is down>>");
-    kref_inst_info_t info{};
-    ASSERT_EQ(kref_inst_get(kref_stmt_instance(up), &info), 0u);
+    kref_inst_info_t info = kt::inst_info(kref_stmt_instance(up));
     int32_t out = 77;
     EXPECT_EQ(info.cmp(nullptr, 3, nullptr, info.ctx, &out), 0u);
     EXPECT_EQ(out, 77) << "before the first update the outcome is left alone";
@@ -259,8 +254,7 @@ TEST_F(State, BaseFunctionsAndRetrievers) {
               KEL_SHARED_ERR_PARAMS_NOT_ALLOWED);
     rasf_inst_t *inst = nullptr;
     ASSERT_EQ(shared_kela_rhr_retr_cons(0, nullptr, nullptr, &rhr_, &inst), 0u);
-    kref_inst_info_t info{};
-    ASSERT_EQ(kref_inst_get(inst, &info), 0u);
+    kref_inst_info_t info = kt::inst_info(inst);
     uint32_t v = 0;
     EXPECT_EQ(info.retrieve(&r, nullptr, nullptr, &v, nullptr), KEL_SHARED_ERR_PARAMS_NOT_ALLOWED);
     rasf_free_retriever_instance(inst);

@@ -183,20 +183,9 @@ TYPED_TEST(UintWidth, InstanceFunctionsRefuseMissingPiecesAndWriteExactlyTheirEl
     }
 }
 
-TYPED_TEST(UintWidth, RetrieverTakesNoParameterAndReadsNothing) {
-    rasf_verify_fn verify = this->op(KREF_RETR, nullptr).verify;
-    EXPECT_EQ(kt::verify(verify, &this->desc_, {"1"}), (Verdict{KEL_SHARED_ERR_PARAM_COUNT, "<null>"}));
-    EXPECT_EQ(kt::verify(verify, &this->desc_, nullptr), (Verdict{0, "<null>"}));
-    kref_stmt_t *stmt = kt::compile("metric", KREF_RETR, nullptr, {});
-    uint32_t out = 1234;
-    EXPECT_EQ(kref_retrieve(stmt, this->route_.data(), &out), 0u);
-    EXPECT_EQ(out, 1234u);
-    kref_stmt_free(stmt);
-}
-
 // The example policy's goldens hold each width at the bounds of its "le",
 // "ge" and "exact-match"; here every reader of the route meets the width's
-// own maximum.
+// own maximum, and the retriever reads nothing.
 TYPED_TEST(UintWidth, ReadersTakeTheWholeWidthThroughTheDescriptor) {
     const auto full = static_cast<typename TypeParam::Value>(TypeParam::kFull);
     const std::string full_text = std::to_string(TypeParam::kFull);
@@ -222,6 +211,17 @@ TYPED_TEST(UintWidth, ReadersTakeTheWholeWidthThroughTheDescriptor) {
               KEL_SHARED_ERR_NULL_INPUT);
     EXPECT_EQ(kref_attr_compare(this->attr_, route, other.data(), nullptr),
               KEL_SHARED_ERR_NULL_INPUT);
+
+    // The retriever takes no parameter and reads nothing.
+    rasf_verify_fn verify = this->op(KREF_RETR, nullptr).verify;
+    EXPECT_EQ(kt::verify(verify, &this->desc_, {"1"}),
+              (Verdict{KEL_SHARED_ERR_PARAM_COUNT, "<null>"}));
+    EXPECT_EQ(kt::verify(verify, &this->desc_, nullptr), (Verdict{0, "<null>"}));
+    kref_stmt_t *stmt = kt::compile("metric", KREF_RETR, nullptr, {});
+    uint32_t got = 1234;
+    EXPECT_EQ(kref_retrieve(stmt, route, &got), 0u);
+    EXPECT_EQ(got, 1234u);
+    kref_stmt_free(stmt);
 }
 
 TEST(UintConvert, StrtoulSemanticsReducedTo32Bits) {
