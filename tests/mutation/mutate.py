@@ -262,9 +262,11 @@ def run_tests(commands, build, timeout, each=False):
     return ("killed", "; ".join(failed)) if failed else ("survived", "")
 
 
-def mutant_text(src, mutant):
+def mutant_text(src, mutant, text=None):
+    """"file:line: change"; text is the file's text when the caller has it."""
     path, off, old, new, kind = mutant
-    text = open(os.path.join(src, path)).read()
+    if text is None:
+        text = open(os.path.join(src, path)).read()
     return f"{path}:{line_of(text, off)}: {kind} {old!r} -> {new!r}"
 
 
@@ -342,7 +344,7 @@ def main():
         file = os.path.join(src, path)
         original = open(file).read()
         assert original[off:off + len(old)] == old, (path, off, old)
-        where = mutant_text(src, (path, off, old, new, kind))
+        where = mutant_text(src, (path, off, old, new, kind), original)
         try:
             with open(file, "w") as f:
                 f.write(original[:off] + new + original[off + len(old):])
