@@ -534,7 +534,8 @@ void register_all() {
             benchmark::RegisterBenchmark((std::string("parse/") + d.name).c_str(), BM_ParseOnly, &d)
                 ->Unit(benchmark::kMillisecond);
         }
-    benchmark::RegisterBenchmark("memory/first_touch", BM_FirstTouch)->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("memory/first_touch", BM_FirstTouch)
+        ->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("any/set", BM_MatchesAny);
     benchmark::RegisterBenchmark("any/scan", BM_MatchesAnyLinear);
     benchmark::RegisterBenchmark("radix/insert", BM_RadixInsert)

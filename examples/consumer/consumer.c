@@ -6,12 +6,11 @@
  * against two routes.  Exit status 0 when every outcome is the expected one.
  * The first line it prints is the version of the header it was built with.
  */
+#include <kela_shared/kela_ref.h>
+#include <kela_shared/kela_shared.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-
-#include <kela_shared/kela_ref.h>
-#include <kela_shared/kela_shared.h>
 
 struct route {
     uint32_t metric; /* 32-bit element 0 */

@@ -655,7 +655,7 @@ typedef struct shared_kela_ipv4_desc_td {
 typedef struct shared_kela_pfxmatch_td {
     void *owner; /* null as parsed; the constructor stores its descriptor here */
     uint8_t len;
-    uint8_t le;  /* note: le before ge */
+    uint8_t le; /* note: le before ge */
     uint8_t ge;
     uint8_t addr[];
 } shared_kela_pfxmatch_td;
@@ -679,9 +679,8 @@ KELA_SHARED_API vogno shared_kela_ipv4_base_cmp(void *route_a, void *route_b, vo
 /* "pfxmatch" with exactly four constants: address, length, ge, le. */
 KELA_SHARED_API vogno shared_kela_ipv4_cmp_match_veri(uint32_t count, char **params, void *desc,
                                                       char **msg);
-KELA_SHARED_API vogno shared_kela_ipv4_cmp_match_cons(uint32_t count, char **params,
-                                                      void **slots, void *desc,
-                                                      rasf_inst_t **inst);
+KELA_SHARED_API vogno shared_kela_ipv4_cmp_match_cons(uint32_t count, char **params, void **slots,
+                                                      void *desc, rasf_inst_t **inst);
 KELA_SHARED_API vogno shared_kela_ipv4_cmp_match_free(void *ctx);
 /* Retriever entry points (not registered): they refuse every use. */
 KELA_SHARED_API vogno shared_kela_ipv4_retr_veri(uint32_t count, char **params, void *desc,
@@ -745,10 +744,12 @@ KELA_SHARED_API vogno shared_kela_mac_address_cmp_match_run(void *route, uint32_
                                                             void **slots, void *ctx,
                                                             int32_t *outcome);
 KELA_SHARED_API vogno shared_kela_mac_address_cmp_match_free(void *ctx);
-KELA_SHARED_API vogno shared_kela_mac_address_base_init(
-    void *reg_ctx, char *errbuf, int32_t errlen, shared_kela_mac_address_desc_td *desc,
-    const char *const *op_locs, const char *const *set_locs, const char *const *retr_locs,
-    const char *const *attr_locs);
+KELA_SHARED_API vogno shared_kela_mac_address_base_init(void *reg_ctx, char *errbuf, int32_t errlen,
+                                                        shared_kela_mac_address_desc_td *desc,
+                                                        const char *const *op_locs,
+                                                        const char *const *set_locs,
+                                                        const char *const *retr_locs,
+                                                        const char *const *attr_locs);
 
 /* ---- rib-has-route attribute ("in", "async") ----------------------------- */
 
@@ -793,12 +794,10 @@ KELA_SHARED_API vogno shared_kela_rhr_base_init(void *reg_ctx, char *errbuf, int
                                                 const char *const *retr_locs,
                                                 const char *const *attr_locs);
 /* As shared_kela_prefix_cvt_string_to_pfx. */
-KELA_SHARED_API vogno shared_kela_rhr_cvt_string_to_pfx(const char *addr_text,
-                                                        const char *len_text,
-                                                        const char *ge_text,
-                                                        const char *le_text, ip_addr_t *addr,
-                                                        uint32_t *len, uint32_t *ge,
-                                                        uint32_t *le, uint32_t check);
+KELA_SHARED_API vogno shared_kela_rhr_cvt_string_to_pfx(const char *addr_text, const char *len_text,
+                                                        const char *ge_text, const char *le_text,
+                                                        ip_addr_t *addr, uint32_t *len,
+                                                        uint32_t *ge, uint32_t *le, uint32_t check);
 /* Whether the table holds the entry's route (or, for ge < le, any route
  * under it with a length from ge to le).  0xA2D28400 when the connection
  * serves another family. */
@@ -811,8 +810,7 @@ KELA_SHARED_API vogno shared_kela_rhr_retr_cons(uint32_t count, char **params, v
                                                 void *desc, rasf_inst_t **inst);
 /* Given to the asynchronous client with every request: forwards to
  * pcli_rhr_async_client_callback(a2, a2, a3, a4, a5, a6). */
-KELA_SHARED_API vogno kela_rib_callback(void *a1, void *a2, void *a3, void *a4, void *a5,
-                                        void *a6);
+KELA_SHARED_API vogno kela_rib_callback(void *a1, void *a2, void *a3, void *a4, void *a5, void *a6);
 
 /* ---- track attribute ("is") ------------------------------------------------ */
 

@@ -19,7 +19,7 @@ extern "C" {
 typedef uint32_t vogno;
 #endif
 
-typedef struct ip_rib_conn *ip_rib_conn_p; /* a connection to the routing table */
+typedef struct ip_rib_conn *ip_rib_conn_p;  /* a connection to the routing table */
 typedef uint32_t rib_tableid_td;            /* a table of a connection */
 typedef struct ip_rib_route2 ip_rib_route2; /* a route of the routing table */
 
@@ -42,8 +42,8 @@ vogno ip_rib_route_lookup2(ip_rib_conn_p conn, rib_tableid_td table, const uint8
 /* Whether the table holds any route under addr/first_len whose length lies
  * in first_len .. last_len. */
 vogno ip_rib_route_lookup_longer_range2(ip_rib_conn_p conn, rib_tableid_td table,
-                                        const uint8_t *addr, uint32_t first_len,
-                                        uint32_t last_len, ip_rib_route2 **route, int *found);
+                                        const uint8_t *addr, uint32_t first_len, uint32_t last_len,
+                                        ip_rib_route2 **route, int *found);
 
 #ifdef __cplusplus
 }

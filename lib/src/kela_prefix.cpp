@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // IP addresses, prefixes and match entries: parsing, printing, the
 // attribute's base functions, and single-prefix matching.
-#include "kela_callbacks.hpp"
 #include "kela_prefix.hpp"
 
 #include <cstdio>
 #include <cstring>
 
 #include "ipv4_range.h"
+#include "kela_callbacks.hpp"
 #include "kela_uint.hpp"
 #include "qv_inet.h"
 
@@ -333,7 +333,7 @@ KELA_SHARED_API int shared_kela_prefix_match(shared_kela_prefix_addr_td *value,
 }
 
 int shared_kela_prefix_match_acl(shared_kela_prefix_addr_td *value,
-                                                 shared_kela_prefix_matchspec_td *spec) {
+                                 shared_kela_prefix_matchspec_td *spec) {
     if (value == nullptr || spec == nullptr || value->family != spec->family) return 0;
     if (value->len < spec->ge || value->len > spec->le) return 0;
     if (spec->family == kV4) {

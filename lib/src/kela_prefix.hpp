@@ -44,7 +44,8 @@ inline std::size_t spec_bytes(std::uint8_t family) {
 
 // A zero-filled entry record with room for the family's key bytes.
 inline SpecPtr alloc_spec(std::uint8_t family) {
-    return SpecPtr(static_cast<shared_kela_prefix_matchspec_td *>(std::calloc(1, spec_bytes(family))));
+    return SpecPtr(
+        static_cast<shared_kela_prefix_matchspec_td *>(std::calloc(1, spec_bytes(family))));
 }
 
 // A heap copy of a length-form entry record (no mask); null when it cannot
@@ -58,8 +59,8 @@ inline SpecPtr copy_spec(const shared_kela_prefix_matchspec_td *from) {
 // Room on the stack for an entry record of either family, so that a parse
 // need not allocate before it knows where the record will live.
 struct SpecRoom {
-    alignas(shared_kela_prefix_matchspec_td) unsigned char bytes[sizeof(
-        shared_kela_prefix_matchspec_td) + 16] = {};
+    alignas(shared_kela_prefix_matchspec_td) unsigned char bytes
+        [sizeof(shared_kela_prefix_matchspec_td) + 16] = {};
     shared_kela_prefix_matchspec_td *spec() {
         return reinterpret_cast<shared_kela_prefix_matchspec_td *>(bytes);
     }

@@ -122,13 +122,12 @@ vogno register_type(const TypeSpec &spec, void *reg_ctx, char *errbuf, std::int3
 }  // namespace kela
 
 // Defines a type's exported eight-argument registration entry point.
-#define KELA_REGISTRATION_ENTRY(fn, Desc, spec)                                                  \
-    extern "C" KELA_SHARED_API vogno fn(void *reg_ctx, char *errbuf, int32_t errlen, Desc *desc,  \
-                                        const char *const *op_locs, const char *const *set_locs,   \
-                                        const char *const *retr_locs,                              \
-                                        const char *const *attr_locs) {                            \
-        return kela::register_type(spec, reg_ctx, errbuf, errlen, desc,                           \
-                                   {op_locs, set_locs, retr_locs, attr_locs});                    \
+#define KELA_REGISTRATION_ENTRY(fn, Desc, spec)                                                    \
+    extern "C" KELA_SHARED_API vogno fn(                                                           \
+        void *reg_ctx, char *errbuf, int32_t errlen, Desc *desc, const char *const *op_locs,       \
+        const char *const *set_locs, const char *const *retr_locs, const char *const *attr_locs) { \
+        return kela::register_type(spec, reg_ctx, errbuf, errlen, desc,                            \
+                                   {op_locs, set_locs, retr_locs, attr_locs});                     \
     }
 
 #endif  // KELA_REGISTER_HPP

@@ -198,10 +198,12 @@ TEST_F(AllocSweep, PrefixType) {
     // build reports 4 (a segment list that cannot be made: bad value) and
     // tears everything down; without room for its print text "pfxmatch"
     // still compiles, it only prints nothing.
-    Params set(kt::segments({{"0.0.0.0", "0", "0", "8"}, {"10.0.0.0", "8", "8", "24"},
+    Params set(kt::segments({{"0.0.0.0", "0", "0", "8"},
+                             {"10.0.0.0", "8", "8", "24"},
                              {"10.0.0.0", "8", "16", "16"},
                              {"172.16.0.0", "0.15.255.255", "16", "24"},
-                             {"2001:db8::", "32", "32", "48"}, {"10.0.0.0", "8", "20", "20"}}));
+                             {"2001:db8::", "32", "32", "48"},
+                             {"10.0.0.0", "8", "20", "20"}}));
     rasf_inst_t *inst = nullptr;
     ASSERT_EQ(shared_kela_prefix_cmp_match_cons(set.count(), set.vec(), set.slots(), &desc, &inst),
               0u);

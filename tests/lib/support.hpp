@@ -182,8 +182,8 @@ struct EveryType {
     shared_kela_mac_address_desc_td mac{"mac", nullptr};
     shared_kela_rhr_desc_td rhr{"rib-has-route", nullptr};
 
-    static constexpr const char *kAttrs[] = {"u8", "u16", "u32", "en",  "bm",            "fl",
-                                             "px", "v4",  "mac", "rib-has-route", "track"};
+    static constexpr const char *kAttrs[] = {"u8", "u16", "u32",           "en",   "bm", "fl", "px",
+                                             "v4", "mac", "rib-has-route", "track"};
 
     // Registers one of them by name; a failure's message goes to buf.
     vogno register_one(std::string_view name, char *buf = nullptr, int32_t len = 0) {
@@ -191,18 +191,21 @@ struct EveryType {
         if (name == "u8") return shared_kela_uint8_base_init(nullptr, buf, len, &u8);
         if (name == "u16") return shared_kela_uint16_base_init(nullptr, buf, len, &u16);
         if (name == "u32") return shared_kela_uint32_base_init(nullptr, buf, len, &u32);
-        if (name == "en") return shared_kela_enum_base_init_v2(nullptr, buf, len, &en, l, l, l, nullptr);
+        if (name == "en")
+            return shared_kela_enum_base_init_v2(nullptr, buf, len, &en, l, l, l, nullptr);
         if (name == "bm")
             return shared_kela_bitmasked_base_init_v2(nullptr, buf, len, &bm, l, l, l, nullptr);
         if (name == "fl")
             return shared_kela_flag64_base_init_v2(nullptr, buf, len, &fl, l, l, l, nullptr);
-        if (name == "px") return shared_kela_prefix_base_init(nullptr, buf, len, &px, l, l, l, nullptr);
+        if (name == "px")
+            return shared_kela_prefix_base_init(nullptr, buf, len, &px, l, l, l, nullptr);
         if (name == "v4") return shared_kela_ipv4_base_init(nullptr, buf, len, &v4);
         if (name == "mac")
             return shared_kela_mac_address_base_init(nullptr, buf, len, &mac, l, l, l, nullptr);
         if (name == "rib-has-route")
             return shared_kela_rhr_base_init(nullptr, buf, len, &rhr, l, nullptr, nullptr, nullptr);
-        return shared_kela_track_base_init(nullptr, buf, len, nullptr, l, nullptr, nullptr, nullptr);
+        return shared_kela_track_base_init(nullptr, buf, len, nullptr, l, nullptr, nullptr,
+                                           nullptr);
     }
     // Registers them all; 0 when every registration succeeded.
     vogno register_all() {

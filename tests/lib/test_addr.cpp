@@ -114,8 +114,10 @@ TEST(Ipv4Values, ConvertersHostBitsPrintAndCompare) {
             << a << " " << (l ? l : "(null)");
 
     const uint8_t b[4] = {10, 1, 2, 0};
-    for (auto [n, len, status] : {std::tuple{4, 23, vogno{0}}, {4, 22, KEL_SHARED_ERR_HOST_BITS},
-                                  {2, 8, KEL_SHARED_ERR_HOST_BITS}, {4, 32, 0}})
+    for (auto [n, len, status] : {std::tuple{4, 23, vogno{0}},
+                                  {4, 22, KEL_SHARED_ERR_HOST_BITS},
+                                  {2, 8, KEL_SHARED_ERR_HOST_BITS},
+                                  {4, 32, 0}})
         EXPECT_EQ(shared_kela_ip_check_prefix(b, n, len), status) << n << " " << len;
     const uint8_t late[4] = {10, 0, 1, 0};  // clean up to the byte after the length
     EXPECT_EQ(shared_kela_ip_check_prefix(late, 4, 8), KEL_SHARED_ERR_HOST_BITS);
@@ -127,8 +129,8 @@ TEST(Ipv4Values, ConvertersHostBitsPrintAndCompare) {
 
     shared_kela_ipv4_desc_td d{"nh", offsetof(V4Route, addr), offsetof(V4Route, len)};
     V4Route a = route("10.1.2.3", 24), same = route("10.1.2.200", 24),
-            longer = route("10.1.2.3", 25), p = route("192.0.2.1", 32),
-            low9 = route("10.0.0.0", 9), high9 = route("10.128.0.0", 9);
+            longer = route("10.1.2.3", 25), p = route("192.0.2.1", 32), low9 = route("10.0.0.0", 9),
+            high9 = route("10.128.0.0", 9);
     for (auto [x, y, desc, status, want] :
          {std::tuple{&a, &same, &d, vogno{0}, 1},
           {&a, &longer, &d, 0, 0},

@@ -261,8 +261,8 @@ class PrefixAttr : public kt::FrameworkTest {
 // statuses, and addresses handed over to be freed.  (Which entries accept
 // which values: the linear-scan comparison and the example policy's goldens.)
 TEST_F(PrefixAttr, SetsTryEveryValueOfARoute) {
-    kref_stmt_t *set = compile("pfxmatch", {{"10.0.0.0", "8", "8", "32"},
-                                            {"192.168.0.0", "0.0.255.255", "16", "16"}});
+    kref_stmt_t *set = compile(
+        "pfxmatch", {{"10.0.0.0", "8", "8", "32"}, {"192.168.0.0", "0.0.255.255", "16", "16"}});
     ASSERT_NE(set, nullptr);
     using Case = std::tuple<Route, vogno, int, int, const char *>;  // status, outcome, fetches
     const Case cases[] = {

@@ -40,10 +40,16 @@ struct Shape {
 const Shape kShapes[] = {
     // Many /24s under few short prefixes, /16 to /23 between them: long
     // covering chains and regions dense enough for tables.
-    {"table_v4", false, 60000, {{{1, 30, 7}, {0, 20, 1}}},
+    {"table_v4",
+     false,
+     60000,
+     {{{1, 30, 7}, {0, 20, 1}}},
      {{2, 8, 5}, {12, 16, 6}, {35, 22, 2}, {95, 24, 1}, {100, 25, 8}}},
     // /48s under /32s under a few shorter blocks, some to /64.
-    {"table_v6", true, 30000, {{{0x2a, 1, 1}, {0, 8, 1}, {0, 16, 1}}},
+    {"table_v6",
+     true,
+     30000,
+     {{{0x2a, 1, 1}, {0, 8, 1}, {0, 16, 1}}},
      {{3, 19, 10}, {30, 32, 1}, {45, 33, 15}, {92, 48, 1}, {100, 49, 16}}},
     // A small filter: keys anywhere, one or two entries deep.
     {"sparse_v4", false, 800, {}, {{100, 8, 25}}},
@@ -140,8 +146,8 @@ TEST_P(PrefixSetDiff, AgreesWithAScan) {
         hits += expected;
         if (got != expected && ++mismatches <= 5)
             ADD_FAILURE() << shape.name << " kind " << kind << ": "
-                          << pm::text(shape.v6, q.addr.data()) << "/" << int(q.len)
-                          << ": set says " << got << ", the rule says " << expected;
+                          << pm::text(shape.v6, q.addr.data()) << "/" << int(q.len) << ": set says "
+                          << got << ", the rule says " << expected;
     }
     EXPECT_GT(hits, 1000) << "the queries must exercise matches too";
 }

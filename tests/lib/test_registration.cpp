@@ -22,18 +22,18 @@ std::vector<std::string> framework_calls() {
 // The calls an integer attribute "pref" makes with the default locations.
 std::vector<std::string> worked_example(bool with_any) {
     std::vector<std::string> calls = {
-        "rasf_kela_new(pref, uint32_t, 1.0)",   "rasf_kela_add_location(import, pref)",
+        "rasf_kela_new(pref, uint32_t, 1.0)", "rasf_kela_add_location(import, pref)",
         "rasf_kela_add_location(export, pref)", "rasf_kela_add_base_function_print(pref)",
         "rasf_kela_add_base_function_cmp(pref)"};
     for (std::string o : {"exact-match", "matches-any", "le", "ge"}) {
         if (o == "matches-any" && !with_any) continue;
-        calls.insert(calls.end(), {"rasf_kela_add_cmp(" + o + ", pref)",
-                                   "rasf_kela_add_cmp_location(" + o + ", pref, import)",
-                                   "rasf_kela_add_cmp_location(" + o + ", pref, export)",
-                                   "rasf_args_new()",
-                                   o == "matches-any" ? "rasf_args_infinite_add(uint32_t, 1.0, 0)"
-                                                      : "rasf_args_single_add(uint32_t, 1.0)",
-                                   "rasf_kela_add_cmp_args(" + o + ", pref)"});
+        calls.insert(calls.end(),
+                     {"rasf_kela_add_cmp(" + o + ", pref)",
+                      "rasf_kela_add_cmp_location(" + o + ", pref, import)",
+                      "rasf_kela_add_cmp_location(" + o + ", pref, export)", "rasf_args_new()",
+                      o == "matches-any" ? "rasf_args_infinite_add(uint32_t, 1.0, 0)"
+                                         : "rasf_args_single_add(uint32_t, 1.0)",
+                      "rasf_kela_add_cmp_args(" + o + ", pref)"});
     }
     calls.insert(calls.end(),
                  {"rasf_kela_add_set(assign, pref)",
@@ -164,11 +164,11 @@ TEST_P(FirstFailure, StopsWritesItsMessageAndReturnsItsStatus) {
         if (calls[i].rfind(prefix, 0) == 0 && ++seen == f.nth) failed = i;
     ASSERT_LT(failed, calls.size()) << "the injected call was never made";
     const std::string op = f.op;
-    const bool list_built = (op.rfind("rasf_args_", 0) == 0 && op != "rasf_args_new") ||
-                            op.ends_with("_args");
-    EXPECT_EQ(std::vector<std::string>(calls.begin() + failed + 1, calls.end()),
-              list_built ? std::vector<std::string>{"rasf_args_free()"}
-                         : std::vector<std::string>{});
+    const bool list_built =
+        (op.rfind("rasf_args_", 0) == 0 && op != "rasf_args_new") || op.ends_with("_args");
+    EXPECT_EQ(
+        std::vector<std::string>(calls.begin() + failed + 1, calls.end()),
+        list_built ? std::vector<std::string>{"rasf_args_free()"} : std::vector<std::string>{});
     EXPECT_EQ(kref_attr_find(f.type) != nullptr, op != "rasf_kela_new");
 }
 
@@ -236,8 +236,10 @@ TEST_F(Registration, ErrorBufferBounds) {
     shared_kela_uint8_desc_td d{"a-rather-long-attribute-name", 0, 0, 0};
     // The length given, then what the buffer holds: nothing for no room,
     // never more than the length, and no buffer at all is fine.
-    for (auto [len, want] : {std::pair{0, "XXXXXXXXXXXXXXX"}, {-3, "XXXXXXXXXXXXXXX"},
-                             {10, "rasf_kela"}, {10, nullptr}}) {
+    for (auto [len, want] : {std::pair{0, "XXXXXXXXXXXXXXX"},
+                             {-3, "XXXXXXXXXXXXXXX"},
+                             {10, "rasf_kela"},
+                             {10, nullptr}}) {
         std::array<char, 16> buf;
         buf.fill('X');
         buf[15] = '\0';

@@ -32,21 +32,29 @@ TEST(SegmentList, WorkedExampleStepByStep) {
     // record after it.
     auto call = [&](char c) -> std::string {
         switch (c) {
-            case 'a': return text(kel_shared_sl_argument(sl));
-            case 'n': return text(kel_shared_sl_argument_next(sl));
-            case 'i': return std::to_string(kel_shared_sl_argument_index(sl));
-            case 's': return std::to_string(kel_shared_sl_segment_next(sl));
-            case 'r': return std::to_string(kel_shared_sl_segment_reset(sl));
-            default: return std::to_string(kel_shared_sl_reset(sl));
+            case 'a':
+                return text(kel_shared_sl_argument(sl));
+            case 'n':
+                return text(kel_shared_sl_argument_next(sl));
+            case 'i':
+                return std::to_string(kel_shared_sl_argument_index(sl));
+            case 's':
+                return std::to_string(kel_shared_sl_segment_next(sl));
+            case 'r':
+                return std::to_string(kel_shared_sl_segment_reset(sl));
+            default:
+                return std::to_string(kel_shared_sl_reset(sl));
         }
     };
     const std::tuple<char, const char *, Pos> steps[] = {
-        {'a', "10", {0, 2, 1}},     {'i', "0", {0, 2, 1}},  {'n', "<null>", {0, 2, 2}},
-        {'s', "2", {2, 5, 3}},      {'a', "20", {2, 5, 3}}, {'n', "30", {2, 5, 4}},
+        {'a', "10", {0, 2, 1}},     {'i', "0", {0, 2, 1}},
+        {'n', "<null>", {0, 2, 2}}, {'s', "2", {2, 5, 3}},
+        {'a', "20", {2, 5, 3}},     {'n', "30", {2, 5, 4}},
         {'i', "1", {2, 5, 4}},      {'n', "<null>", {2, 5, 5}},
         {'n', "<null>", {2, 5, 5}},  // never past the segment end
-        {'r', "2", {2, 5, 3}},      {'s', "1", {5, 7, 6}},  {'a', "40", {5, 7, 6}},
-        {'s', "-1", {5, 7, 6}},     {'R', "1", {0, 2, 1}},
+        {'r', "2", {2, 5, 3}},      {'s', "1", {5, 7, 6}},
+        {'a', "40", {5, 7, 6}},     {'s', "-1", {5, 7, 6}},
+        {'R', "1", {0, 2, 1}},
     };
     for (auto [c, ret, after] : steps) {
         EXPECT_EQ(call(c), ret) << c;
@@ -62,14 +70,22 @@ TEST(SegmentList, WhatCountsAsAFirstHeader) {
         int32_t count;  // -1: create refuses
     };
     const Case cases[] = {
-        {{"arg0: 2", "a", "b"}, 3, 2}, {{"arg0:2x", "a", "b"}, 3, 2},
-        {{"arg0:+1", "a"}, 2, 1},      {{"arg 0:1", "a"}, 2, 1},
-        {{"arg-0:1", "a"}, 2, 1},      {{"arg1:1", "a"}, 2, -1},
-        {{"foo", "a"}, 2, -1},         {{"arg0", "a"}, 2, -1},
-        {{"arg0:", "a"}, 2, -1},       {{"Arg0:1", "a"}, 2, -1},
-        {{"arg0 :1", "a"}, 2, -1},     {{"arg0:-1", "a"}, 2, -1},
-        {{"arg0:-2", "a"}, 2, -1},     {{"arg0:3", "a", "b", "c"}, 3, -1},
-        {{"arg0:1", "a"}, 0, -1},      {{"arg0:0"}, 1, 0},
+        {{"arg0: 2", "a", "b"}, 3, 2},
+        {{"arg0:2x", "a", "b"}, 3, 2},
+        {{"arg0:+1", "a"}, 2, 1},
+        {{"arg 0:1", "a"}, 2, 1},
+        {{"arg-0:1", "a"}, 2, 1},
+        {{"arg1:1", "a"}, 2, -1},
+        {{"foo", "a"}, 2, -1},
+        {{"arg0", "a"}, 2, -1},
+        {{"arg0:", "a"}, 2, -1},
+        {{"Arg0:1", "a"}, 2, -1},
+        {{"arg0 :1", "a"}, 2, -1},
+        {{"arg0:-1", "a"}, 2, -1},
+        {{"arg0:-2", "a"}, 2, -1},
+        {{"arg0:3", "a", "b", "c"}, 3, -1},
+        {{"arg0:1", "a"}, 0, -1},
+        {{"arg0:0"}, 1, 0},
         {{"arg0:-19000000000000000000"}, 1, 0},  // saturates to LONG_MIN, cut to int: 0
     };
     for (const Case &c : cases) {
@@ -186,8 +202,9 @@ TEST_F(MatchesAny, VerifierRefusals) {
     EXPECT_EQ(kt::verify(verify_, &desc_, kt::segments({{"5"}, {"100"}, {"0"}})),
               (Verdict{0, "<null>"}));
     desc_.min = 10;
-    EXPECT_EQ(kt::verify(verify_, &desc_, {"arg0:1", "5"}),
-              (Verdict{KEL_SHARED_ERR_BELOW_MIN, "Value (5) not within acceptable range: 10 - 100"}));
+    EXPECT_EQ(
+        kt::verify(verify_, &desc_, {"arg0:1", "5"}),
+        (Verdict{KEL_SHARED_ERR_BELOW_MIN, "Value (5) not within acceptable range: 10 - 100"}));
     EXPECT_EQ(kt::verify(verify_, &desc_, {"arg0:1", "5"}, 0),
               (Verdict{KEL_SHARED_ERR_PARAM_COUNT, "Internal error: no parameters"}));
     EXPECT_EQ(kt::verify(verify_, &desc_, nullptr, 2),

@@ -64,8 +64,8 @@ class State : public kt::FrameworkTest {
 TEST_F(State, RibHasRouteLocations) {
     compile("rib-has-route", "in", {{"10.0.0.0", "8", "8", "8"}}, KREF_ERR_LOCATION, nullptr,
             "export");
-    kref_stmt_free(compile("rib-has-route", "async", {{"10.0.0.0", "8", "8", "8"}}, 0, nullptr,
-                           "export"));
+    kref_stmt_free(
+        compile("rib-has-route", "async", {{"10.0.0.0", "8", "8", "8"}}, 0, nullptr, "export"));
     void *ctx = &ctx;
     kref_attr_base_print(kref_attr_find("rib-has-route"), &ctx);
     EXPECT_EQ(ctx, nullptr) << "base functions without descriptor";
@@ -125,10 +125,10 @@ TEST_F(State, InAsksTheRoutingTable) {
                                     absent = {"10.9.0.0", "16", "16", "16"};
     // An IPv6 entry's family mismatch is overridden by a matching later
     // entry; a matching entry ends the walk; the mismatch is reported last.
-    for (auto [entries, status, want] : {std::tuple{std::vector{v6, here}, vogno{0}, 1},
-                                         {std::vector{here, v6}, 0, 1},
-                                         {std::vector{absent, v6},
-                                          KEL_SHARED_FOREIGN_RIB_AFI_MISMATCH, 0}}) {
+    for (auto [entries, status, want] :
+         {std::tuple{std::vector{v6, here}, vogno{0}, 1},
+          {std::vector{here, v6}, 0, 1},
+          {std::vector{absent, v6}, KEL_SHARED_FOREIGN_RIB_AFI_MISMATCH, 0}}) {
         kref_stmt_t *s = compile("rib-has-route", "in", entries);
         int32_t out = 1;  // a caller's earlier outcome does not cut the walk short
         EXPECT_EQ(kref_eval(s, &v4, nullptr, &out), status);

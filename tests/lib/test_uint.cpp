@@ -253,13 +253,15 @@ TEST(UintConvert, StrtoulSemanticsReducedTo32Bits) {
 
 // Clients compare statuses by number: each name keeps its place in the domain.
 TEST(ErrorCodes, DomainLayout) {
-    const vogno in_order[] = {
-        KEL_SHARED_ERR_BAD_AFI,    KEL_SHARED_ERR_NO_PARAM_ARRAY, KEL_SHARED_ERR_NULL_RESULT,
-        KEL_SHARED_ERR_PARAM_COUNT, KEL_SHARED_ERR_NULL_PARAM,    KEL_SHARED_ERR_BAD_VALUE,
-        KEL_SHARED_ERR_NULL_INPUT, KEL_SHARED_ERR_BAD_LENGTH,     KEL_SHARED_ERR_ABOVE_MAX,
-        KEL_SHARED_ERR_BELOW_MIN,  KEL_SHARED_ERR_NO_MEMORY,      KEL_SHARED_ERR_PARAMS_NOT_ALLOWED,
-        KEL_SHARED_ERR_VARIABLE,   KEL_SHARED_ERR_NO_LOCATIONS,   KEL_SHARED_ERR_HOST_BITS,
-        KEL_SHARED_ERR_UNUSED_16,  KEL_SHARED_ERR_TREE_INSERT};
+    const vogno in_order[] = {KEL_SHARED_ERR_BAD_AFI,     KEL_SHARED_ERR_NO_PARAM_ARRAY,
+                              KEL_SHARED_ERR_NULL_RESULT, KEL_SHARED_ERR_PARAM_COUNT,
+                              KEL_SHARED_ERR_NULL_PARAM,  KEL_SHARED_ERR_BAD_VALUE,
+                              KEL_SHARED_ERR_NULL_INPUT,  KEL_SHARED_ERR_BAD_LENGTH,
+                              KEL_SHARED_ERR_ABOVE_MAX,   KEL_SHARED_ERR_BELOW_MIN,
+                              KEL_SHARED_ERR_NO_MEMORY,   KEL_SHARED_ERR_PARAMS_NOT_ALLOWED,
+                              KEL_SHARED_ERR_VARIABLE,    KEL_SHARED_ERR_NO_LOCATIONS,
+                              KEL_SHARED_ERR_HOST_BITS,   KEL_SHARED_ERR_UNUSED_16,
+                              KEL_SHARED_ERR_TREE_INSERT};
     for (uint32_t n = 1; n <= 17; ++n)
         EXPECT_EQ(in_order[n - 1], 0x40000000u | (1801u << 15) | (n << 9)) << n;
 }

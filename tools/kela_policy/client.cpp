@@ -5,16 +5,15 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <algorithm>
 #include <functional>
 #include <iterator>
 #include <map>
-
 #include <nlohmann/json.hpp>
 
 #include "kela_ref_state.h"
@@ -261,8 +260,20 @@ bool parse_as_path(std::string_view text, std::uint32_t &length, std::uint32_t &
 // The fields of a route line, each with its other name; each may be given
 // once per line.  `attr` is the attribute a field fills, for route output.
 enum Field {
-    kDest, kNexthop, kMetric, kTag, kPreference, kOrigin, kCommunity, kFlags, kPeer, kMac, kTable,
-    kLocalPref, kAsPath, kPeerAs
+    kDest,
+    kNexthop,
+    kMetric,
+    kTag,
+    kPreference,
+    kOrigin,
+    kCommunity,
+    kFlags,
+    kPeer,
+    kMac,
+    kTable,
+    kLocalPref,
+    kAsPath,
+    kPeerAs
 };
 constexpr struct {
     const char *name, *alias, *attr;
@@ -341,7 +352,8 @@ std::string set_field(Route &r, unsigned &seen, std::string_view key, const std:
         }
         case kFlags: {
             uint64_t m = 0;
-            if (parse_flags(value.c_str(), nullptr, &m) != 0) return "bad flags " + quoted_text(value);
+            if (parse_flags(value.c_str(), nullptr, &m) != 0)
+                return "bad flags " + quoted_text(value);
             r.flags = m;
             break;
         }
@@ -366,7 +378,8 @@ std::string set_field(Route &r, unsigned &seen, std::string_view key, const std:
             r.bgp[0] = static_cast<std::uint32_t>(n);
             break;
         case kAsPath:
-            if (!parse_as_path(value, r.bgp[1], r.bgp[2])) return "bad AS path " + quoted_text(value);
+            if (!parse_as_path(value, r.bgp[1], r.bgp[2]))
+                return "bad AS path " + quoted_text(value);
             break;
         case kPeerAs:
             if (!parse_number(value, 0xFFFFFFFFu, n)) return "bad peer-as " + quoted_text(value);
@@ -603,7 +616,8 @@ bool parse_route_text(std::string_view line, Route &r, RouteError &err) {
             err = {start + 1, "expected key=value, found " + quoted_text(token)};
             return false;
         }
-        if (std::string e = set_field(r, seen, token.substr(0, eq), std::string(token.substr(eq + 1)));
+        if (std::string e =
+                set_field(r, seen, token.substr(0, eq), std::string(token.substr(eq + 1)));
             !e.empty()) {
             err = {start + 1, e};
             return false;
@@ -652,13 +666,14 @@ bool parse_route_bgpdump(std::string_view line, Route &r, RouteError &err, bool 
     if (f.size() < 12) return fail(f.size(), "expected at least 12 fields separated by '|'");
     unsigned seen = 0;
     Prefix peer;
-    if (!parse_prefix(std::string(f[3]), peer, true)) return fail(3, "bad peer address " + quoted_text(f[3]));
+    if (!parse_prefix(std::string(f[3]), peer, true))
+        return fail(3, "bad peer address " + quoted_text(f[3]));
     if (peer.family == 2) {
         std::memcpy(r.peer, peer.addr, 4);
         r.peer_len = 32;
     }
-    static const int kMap[][2] = {{4, kPeerAs}, {5, kDest}, {6, kAsPath}, {8, kNexthop},
-                                  {9, kLocalPref}, {10, kMetric}};
+    static const int kMap[][2] = {{4, kPeerAs},  {5, kDest},      {6, kAsPath},
+                                  {8, kNexthop}, {9, kLocalPref}, {10, kMetric}};
     for (const auto &m : kMap) {
         std::string value(f[static_cast<std::size_t>(m[0])]);
         if (m[1] == kNexthop) value = value.substr(0, value.find(' '));  // global address first
@@ -803,7 +818,8 @@ void changed_bgpdump(std::string &out, std::string_view line, const std::vector<
             f[10] = c.after;
         } else if (c.attr == "origin") {
             f[7] = c.after;
-            for (char &ch : f[7]) ch = static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
+            for (char &ch : f[7])
+                ch = static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
         } else if (c.attr == "community") {
             // The attribute held the first standard community.
             std::string &comms = f[11];

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-
 #include <nlohmann/json.hpp>
 
 #include "kela_ref.h"
@@ -33,7 +32,8 @@ void Counters::merge(const Counters &o) {
     list_hits.resize(std::max(list_hits.size(), o.list_hits.size()));
     for (std::size_t i = 0; i < o.list_hits.size(); ++i) {
         list_hits[i].resize(std::max(list_hits[i].size(), o.list_hits[i].size()));
-        for (std::size_t k = 0; k < o.list_hits[i].size(); ++k) list_hits[i][k] += o.list_hits[i][k];
+        for (std::size_t k = 0; k < o.list_hits[i].size(); ++k)
+            list_hits[i][k] += o.list_hits[i][k];
     }
 }
 
@@ -42,7 +42,7 @@ void Counters::merge(const Counters &o) {
 // entry it was.  Prefix entries are indexed by their prefix, so a lookup
 // tries one key per length of the route's prefix.
 class EntryFinder {
-public:
+  public:
     EntryFinder(const ValueList &list, const std::string &attr, const std::string &op)
         : attr_(attr), prefixes_(list.prefixes) {
         kind_ = op == "pfxlonger"     ? SHARED_KELA_PREFIX_CMP_LONGER
@@ -106,15 +106,14 @@ public:
         return best;
     }
 
-private:
+  private:
     bool matches(shared_kela_prefix_addr_td &v, shared_kela_prefix_matchspec_td &s) const {
         if (s.family != v.family) return false;
         if (s.is_acl == 0) return shared_kela_prefix_match(&v, &s, kind_) != 0;
         // Address/mask form: bits set in the wildcard mask may be anything.
         if (v.len < s.ge || v.len > s.le) return false;
         for (unsigned b = 0; b < shared_kela_prefix_key_bytes(v.family); ++b)
-            if (((v.addr[b] ^ s.addr[b]) & ~(s.mask != nullptr ? s.mask[b] : 0)) != 0)
-                return false;
+            if (((v.addr[b] ^ s.addr[b]) & ~(s.mask != nullptr ? s.mask[b] : 0)) != 0) return false;
         return true;
     }
     static std::string key(std::uint8_t family, const std::uint8_t *addr, std::uint8_t len) {
@@ -123,7 +122,8 @@ private:
         k[1] = static_cast<char>(len);
         for (unsigned b = 0; b < static_cast<unsigned>(len + 7) / 8; ++b) {
             unsigned char byte = addr[b];
-            if ((b + 1) * 8 > len) byte = static_cast<unsigned char>(byte & (0xFF00u >> (len - b * 8)));
+            if ((b + 1) * 8 > len)
+                byte = static_cast<unsigned char>(byte & (0xFF00u >> (len - b * 8)));
             k[2 + b] = static_cast<char>(byte);
         }
         return k;
@@ -141,7 +141,8 @@ private:
         bool lead = true;
         for (std::size_t i = 0; i < text.size(); ++i) {
             const char c = text[i];
-            const bool last_digit = i + 1 == text.size() || !std::isdigit(static_cast<unsigned char>(text[i + 1]));
+            const bool last_digit =
+                i + 1 == text.size() || !std::isdigit(static_cast<unsigned char>(text[i + 1]));
             if (lead && c == '0' && !last_digit) continue;
             lead = !std::isdigit(static_cast<unsigned char>(c));
             out += c;
@@ -246,7 +247,8 @@ void Engine::evaluate(Route &r, std::string_view line, std::size_t number, Count
                     Json j;
                     j["condition"] = cond.text;
                     j["outcome"] = holds;
-                    if (info.finder != nullptr) j["entry"] = entry >= 0 ? Json(shown) : Json(nullptr);
+                    if (info.finder != nullptr)
+                        j["entry"] = entry >= 0 ? Json(shown) : Json(nullptr);
                     if (st != 0) j["status"] = vog_strerror(st);
                     conds.push_back(std::move(j));
                 } else {
@@ -339,7 +341,8 @@ std::string Engine::summary(const Counters &c) const {
             for (std::size_t i = 0; i < lists_.size(); ++i) {
                 Json entries = Json::array();
                 for (std::size_t k = 0; k < lists_[i]->shown.size(); ++k)
-                    entries.push_back({{"entry", lists_[i]->shown[k]}, {"hits", c.list_hits[i][k]}});
+                    entries.push_back(
+                        {{"entry", lists_[i]->shown[k]}, {"hits", c.list_hits[i][k]}});
                 sets[list_name(*lists_[i])] = std::move(entries);
             }
             s["set_hits"] = std::move(sets);

@@ -38,7 +38,7 @@ struct Counters {
 class EntryFinder;
 
 class Engine {
-public:
+  public:
     Engine(Policy &policy, const EngineOptions &options);
     ~Engine();
     Engine(const Engine &) = delete;
@@ -53,7 +53,7 @@ public:
     // The summary (and the per-entry hit counts when asked) as output.
     std::string summary(const Counters &c) const;
 
-private:
+  private:
     struct ConditionInfo {
         const EntryFinder *finder = nullptr;
         std::size_t list = 0;  // index into lists_

@@ -29,7 +29,7 @@ void for_each_line(std::string_view text, F &&f) {
 }
 
 class LineReader {
-public:
+  public:
     LineReader() = default;
     LineReader(const LineReader &) = delete;
     LineReader &operator=(const LineReader &) = delete;
@@ -44,7 +44,7 @@ public:
     const std::string &error() const { return error_; }
     std::size_t line_number() const { return number_; }
 
-private:
+  private:
     bool fill();
     bool fail(int err);
 

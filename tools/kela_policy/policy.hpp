@@ -93,8 +93,8 @@ struct PolicyError {
 };
 
 // Reads a list file named in the policy; false with `error` set.
-using ListLoader = std::function<bool(const std::string &path, std::string &text,
-                                      std::string &error)>;
+using ListLoader =
+    std::function<bool(const std::string &path, std::string &text, std::string &error)>;
 
 struct ParseOptions {
     ListLoader load;       // none: "from" is refused
