@@ -17,10 +17,13 @@ using Ctx = shared_kela_track_ctx_td;
 
 constexpr std::size_t kMaxName = 32;
 
+// Neither "up" nor "down": the text names no state to wait for.
+constexpr std::uint8_t kNoState = 0;
+
 std::uint8_t state_of(const char *text) {
     if (std::strcmp(text, "up") == 0) return PCL_OT_STATE_UP;
     if (std::strcmp(text, "down") == 0) return PCL_OT_STATE_DOWN;
-    return 0;
+    return kNoState;
 }
 
 vogno update(void *rec, void *context, std::uint32_t count, char **params) {
@@ -43,7 +46,7 @@ vogno update(void *rec, void *context, std::uint32_t count, char **params) {
             std::free(copy);
     }
     pcli_aysnc_ot_update_track_names(rec, count, params);
-    if (const std::uint8_t s = state_of(params[2]); s != 0)
+    if (const std::uint8_t s = state_of(params[2]); s != kNoState)
         std::atomic_ref<std::uint8_t>(ctx->state).store(s, std::memory_order_relaxed);
     const std::uint32_t wanted = state_of(params[2]);
     std::uint32_t known = 0;
@@ -109,7 +112,7 @@ vogno shared_kela_track_cmp_veri(uint32_t count, char **params, void *, char **m
     if (std::strlen(params[1]) > kMaxName)
         return refuse(KEL_SHARED_ERR_BAD_VALUE,
                       "length of track name should be equal or less than 32");
-    if (state_of(params[2]) == 0)
+    if (state_of(params[2]) == kNoState)
         return refuse(KEL_SHARED_ERR_BAD_VALUE, "Internal error:  wrong track status parameter");
     return 0;
 }

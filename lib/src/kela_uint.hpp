@@ -6,9 +6,7 @@
 //   Value      the element type in the route record
 //   kFile      source file named in registration messages
 //   kFullMax   the range base_init_v2 writes into the descriptor
-//   kNumbers   the numbers of the argument-list messages of "exact-match",
-//              "le", "ge" and "assign" (rasf_args_new, then the entry) and
-//              of the retriever's rasf_args_new
+//   kNumbers   the numbers of the argument-list messages (UintMessages)
 //   kValueSet  whether the width has "matches-any" (32 bits only), then
 //              registered second as kAnyOp
 //   kPrint ... the width's exported base functions, setter constructor and
@@ -40,6 +38,22 @@ char *range_message(std::uint32_t value, std::uint32_t min, std::uint32_t max);
 // A newly allocated copy of the route's value in decimal, or of the texts
 // that stand for a missing route or descriptor.
 char *print_decimal(bool have_route, bool have_desc, std::uint32_t value);
+
+// The numbers that name each registration call in its failure message:
+// per one-argument operator, its rasf_args_new and then its entry, and the
+// retriever's rasf_args_new. Each width has its own block of numbers.
+struct OneArgMessages {
+    int list = 0;
+    int entry = 0;
+};
+struct UintMessages {
+    OneArgMessages exact, le, ge, assign;
+    int retriever_list = 0;
+};
+
+constexpr ArgList one_arg(const char *type, OneArgMessages m) {
+    return one_arg(type, m.list, m.entry);
+}
 
 enum class Relation { Equal, AtMost, AtLeast };
 
@@ -163,11 +177,11 @@ struct Uint {
     static constexpr auto make_ops() {
         constexpr auto &n = W::kNumbers;
         constexpr OpSpec exact{"exact-match", &match_veri, &cons<Relation::Equal>, nullptr,
-                               one_arg("uint32_t", n[0], n[1])};
+                               one_arg("uint32_t", n.exact)};
         constexpr OpSpec le{"le", &match_veri, &cons<Relation::AtMost>, nullptr,
-                            one_arg("uint32_t", n[2], n[3])};
+                            one_arg("uint32_t", n.le)};
         constexpr OpSpec ge{"ge", &match_veri, &cons<Relation::AtLeast>, nullptr,
-                            one_arg("uint32_t", n[4], n[5])};
+                            one_arg("uint32_t", n.ge)};
         if constexpr (W::kValueSet) {
             return std::array<OpSpec, 4>{exact, W::kAnyOp, le, ge};
         } else {
@@ -176,9 +190,9 @@ struct Uint {
     }
     static constexpr auto kOps = make_ops();
     static constexpr OpSpec kAssign{"assign", &match_veri, W::kAssignCons, nullptr,
-                                    one_arg("uint32_t", W::kNumbers[6], W::kNumbers[7])};
+                                    one_arg("uint32_t", W::kNumbers.assign)};
     static constexpr OpSpec kRetriever{nullptr, W::kRetrVeri, W::kRetrCons, nullptr,
-                                       no_args(W::kNumbers[8])};
+                                       no_args(W::kNumbers.retriever_list)};
     static constexpr TypeSpec kSpec{W::kFile, "uint32_t", W::kPrint,  W::kCmp,
                                     kOps,     &kAssign,   &kRetriever};
 

@@ -9,7 +9,11 @@ struct Width16 {
     static constexpr const char *kFile = "kela_uint16";
     static constexpr std::uint16_t kFullMax = 65535;
     static constexpr bool kValueSet = false;
-    static constexpr int kNumbers[] = {930, 931, 946, 947, 962, 963, 978, 979, 994};
+    static constexpr kela::UintMessages kNumbers{.exact = {930, 931},
+                                                 .le = {946, 947},
+                                                 .ge = {962, 963},
+                                                 .assign = {978, 979},
+                                                 .retriever_list = 994};
     KELA_UINT_REGISTERED(uint16);
 };
 }  // namespace

@@ -15,7 +15,11 @@ struct Width32 {
     using Value = std::uint32_t;
     static constexpr const char *kFile = "kela_uint32";
     static constexpr std::uint32_t kFullMax = 0xFFFFFFFFu;
-    static constexpr int kNumbers[] = {1279, 1280, 1311, 1312, 1327, 1328, 1343, 1344, 1359};
+    static constexpr kela::UintMessages kNumbers{.exact = {1279, 1280},
+                                                 .le = {1311, 1312},
+                                                 .ge = {1327, 1328},
+                                                 .assign = {1343, 1344},
+                                                 .retriever_list = 1359};
     KELA_UINT_REGISTERED(uint32);
     static constexpr bool kValueSet = true;
     static constexpr kela::OpSpec kAnyOp{

@@ -9,7 +9,11 @@ struct Width8 {
     static constexpr const char *kFile = "kela_uint8";
     static constexpr std::uint8_t kFullMax = 255;
     static constexpr bool kValueSet = false;
-    static constexpr int kNumbers[] = {919, 920, 935, 936, 951, 952, 967, 968, 983};
+    static constexpr kela::UintMessages kNumbers{.exact = {919, 920},
+                                                 .le = {935, 936},
+                                                 .ge = {951, 952},
+                                                 .assign = {967, 968},
+                                                 .retriever_list = 983};
     KELA_UINT_REGISTERED(uint8);
 };
 }  // namespace
