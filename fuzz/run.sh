@@ -7,9 +7,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
 command -v clang++ >/dev/null || { echo "fuzz: clang++ not found"; exit 1; }
-cmake -S . -B build/fuzz -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DKELA_BUILD_FUZZ=ON -DKELA_BUILD_TESTS=OFF -DKELA_BUILD_EXAMPLES=OFF >/dev/null
-cmake --build build/fuzz -j2 >/dev/null
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz -j2 >/dev/null
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 status=0

@@ -1,4 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
+// The registration recipe (declared in kela_register.hpp): the framework calls
+// that declare one attribute, made in order from a type's table, with the
+// failing call's message and status recorded for the client.
 #include "kela_register.hpp"
 
 #include <cstdarg>
