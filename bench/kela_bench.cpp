@@ -12,11 +12,9 @@
 //  - set build from texts against parsing the same texts only;
 //  - uint32 "matches-any" against a linear scan; the radix tree alone.
 //
-// `kela_bench --misses SET` (SET as in the benchmark names, e.g. v4/real)
-// builds one set and makes two cold passes over its queries with callgrind's
-// instrumentation on only for the second, so that callgrind's cache
-// simulation counts the memory misses per query of a pass that finds the
-// caches as the previous pass left them.
+// `kela_bench --write-sets DIR` writes every set with its cold and warm
+// queries as files, which the side-by-side programs (kela_side and the
+// peer's) read.
 #include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <malloc.h>
@@ -34,11 +32,7 @@
 #include <unordered_set>
 #include <vector>
 
-#if __has_include(<valgrind/callgrind.h>)
-#include <valgrind/callgrind.h>
-#define KELA_HAVE_CALLGRIND 1
-#endif
-
+#include "kela_client.hpp"
 #include "kela_ref.h"
 #include "kela_ref_hooks.h"
 #include "kela_shared.h"
@@ -137,23 +131,9 @@ std::string data_dir() {
 
 // ---- a client's prefix value -----------------------------------------------------------------
 
-struct Query {
-    std::uint8_t family;
-    std::uint8_t len;
-    std::uint8_t addr[16];
-};
-
-vogno get_value(void *, void *route, shared_kela_prefix_addr_td *v, std::uint32_t *more) {
-    auto *q = static_cast<Query *>(route);
-    v->family = q->family;
-    v->addr = q->addr;
-    v->len = q->len;
-    v->free_addr = 0;
-    *more = 0;
-    return 0;
-}
-
-shared_kela_prefix_desc_td g_desc{"destination", get_value, nullptr, nullptr, 0};
+using bench::g_desc;
+using bench::Query;
+using bench::Vector;
 
 // n distinct queries in random order: half under an entry of the set (its
 // length or up to 8 bits longer), half anywhere (IPv4: any unicast address;
@@ -190,25 +170,13 @@ std::vector<Query> make_queries(bool v6, const std::vector<Entry> &set, std::siz
     return out;
 }
 
-// A parameter vector in the framework's layout.
-struct Vector {
-    std::vector<std::string> texts;
-    std::vector<char *> ptrs;
-    std::vector<void *> slots;
-    explicit Vector(const std::vector<Entry> &set) {
-        texts.reserve(set.size() * 5);
-        for (std::size_t i = 0; i < set.size(); ++i) {
-            texts.push_back("arg" + std::to_string(i) + ":4");
-            texts.push_back(set[i].addr);
-            texts.push_back(set[i].len);
-            texts.push_back(set[i].ge);
-            texts.push_back(set[i].le);
-        }
-        for (auto &t : texts) ptrs.push_back(t.data());
-        slots.assign(ptrs.size(), this);
-    }
-    std::uint32_t count() const { return static_cast<std::uint32_t>(ptrs.size()); }
-};
+Vector vector_of(const std::vector<Entry> &set) {
+    Vector v;
+    v.texts.reserve(set.size() * 5);
+    for (const Entry &e : set) v.add(e.addr, e.len, e.ge, e.le);
+    v.seal();
+    return v;
+}
 
 // Bytes the allocator has handed out, small and large (mapped) blocks
 // alike, and what the radix indexes map for themselves.
@@ -227,7 +195,8 @@ struct Fixture {
     kref_inst_info_t info{};
     double bytes_per_entry = 0;
 
-    Fixture(bool is_v6, std::vector<Entry> entries) : v6(is_v6), set(std::move(entries)), vec(set) {
+    Fixture(bool is_v6, std::vector<Entry> entries)
+        : v6(is_v6), set(std::move(entries)), vec(vector_of(set)) {
         cold = make_queries(v6, set, kColdQueries, kFixedState + static_cast<unsigned>(set.size()));
         warm = make_queries(v6, set, kWarmQueries, kFixedState + 1);
         const std::size_t before = allocated_bytes();
@@ -547,37 +516,41 @@ void register_all() {
         ->Unit(benchmark::kMillisecond);
 }
 
-// Two passes; callgrind counts the second (see the top of this file).
-int count_misses(const char *name) {
+// The sets and their queries as files, for the side-by-side comparison
+// (peer/side_by_side.h): NAME.set, NAME.cold and NAME.warm, NAME being the
+// set's name with "-" for "/" (v4-1000, v6-real, ...).
+int write_sets(const std::string &dir) {
     for (const SetDef &d : kSets) {
-        if (std::strcmp(d.name, name) != 0) continue;
-        Fixture &f = fixture(d);
-#ifdef KELA_HAVE_CALLGRIND
-        CALLGRIND_START_INSTRUMENTATION;
-        f.pass(f.cold);
-        CALLGRIND_ZERO_STATS;
-        const std::uint64_t before = kref_radix_lookups();
-        const std::size_t hits = f.pass(f.cold);
-        CALLGRIND_DUMP_STATS_AT("second pass");
-        CALLGRIND_STOP_INSTRUMENTATION;
-#else
-        f.pass(f.cold);
-        const std::uint64_t before = kref_radix_lookups();
-        const std::size_t hits = f.pass(f.cold);
-#endif
-        std::printf("{\"set\": \"%s\", \"queries\": %zu, \"hits\": %zu, \"radix_lookups\": %llu}\n",
-                    name, f.cold.size(), hits,
-                    static_cast<unsigned long long>(kref_radix_lookups() - before));
-        return 0;
+        if (!available(d)) continue;
+        std::vector<Entry> set =
+            d.n != 0 ? generated_set(d.v6, d.n)
+                     : read_set(d.v6, data_dir() + (d.v6 ? "/set-v6.txt" : "/set-v4.txt"));
+        std::string name = d.name;
+        name[name.find('/')] = '-';
+        const std::string base = dir + "/" + name;
+        std::ofstream s(base + ".set");
+        for (const Entry &e : set)
+            s << e.addr << '/' << e.len << (e.le != e.len ? " le " + e.le : "") << '\n';
+        auto write = [&](const char *ext, std::size_t n, unsigned state) {
+            std::ofstream q(base + ext);
+            for (const Query &x : make_queries(d.v6, set, n, state))
+                q << text_of(d.v6, x.addr) << '/' << int{x.len} << '\n';
+            return q.good();
+        };
+        if (!s.good() ||
+            !write(".cold", kColdQueries, kFixedState + static_cast<unsigned>(set.size())) ||
+            !write(".warm", kWarmQueries, kFixedState + 1)) {
+            std::fprintf(stderr, "kela_bench: cannot write %s\n", base.c_str());
+            return 1;
+        }
     }
-    std::fprintf(stderr, "kela_bench: no set %s\n", name);
-    return 2;
+    return 0;
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-    if (argc == 3 && std::strcmp(argv[1], "--misses") == 0) return count_misses(argv[2]);
+    if (argc == 3 && std::strcmp(argv[1], "--write-sets") == 0) return write_sets(argv[2]);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     register_all();

@@ -1,6 +1,10 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # Runs every benchmark and writes docs/performance.md and docs/lookup.png.
+# It opens with this project's prefix sets side by side with BIRD's
+# prefix-set trie (built from Debian's bird2 source by bench/peer/build.sh,
+# under the build folder only): the same set and query files, programs run
+# in alternation, ratios of this project over BIRD.
 #
 # Usage: bench/run.sh [--quick]   (--quick: shorter runs, a smaller end-to-end run)
 #
@@ -9,6 +13,7 @@
 #   KELA_BENCH_DATA   where the real routing table is kept between runs
 #                     (default $KELA_BENCH_BUILD/data; never committed)
 #   KELA_BENCH_NO_BUILD=1  use the programs already built there
+#   KELA_BENCH_REPS   alternating runs of the two sides per set (default 3)
 #
 # The real table is the npm package @ip-location-db/asn (address ranges of
 # the public routing tables with their origin AS; CC BY 4.0, RouteViews,
@@ -34,7 +39,8 @@ fi
 if [ "${KELA_BENCH_NO_BUILD:-}" != 1 ]; then
   cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DKELA_BUILD_BENCH=ON -DKELA_BUILD_TESTS=OFF \
     -DKELA_BUILD_EXAMPLES=OFF >/dev/null
-  cmake --build "$build" -j2 --target kela_bench kela-policy >/dev/null
+  cmake --build "$build" -j2 --target kela_bench kela_side kela-policy >/dev/null
+  bash bench/peer/build.sh "$build"
 fi
 mkdir -p "$out" "$data"
 data=$(cd "$data" && pwd)
@@ -63,31 +69,67 @@ min_time=0.5
 KELA_BENCH_DATA=$data ./"$build"/bench/kela_bench --benchmark_format=json \
   --benchmark_min_time="$min_time" >"$out/bench.json"
 
-# ---- memory misses per query: callgrind's cache simulation over one cold pass ------
-# D1 as this machine's (48 KiB, 12-way); LL 8 MiB: the share of the
-# last-level cache a process gets here (a chain of dependent reads over a
-# random 4 MiB stays near 20 ns a read, over 8 MiB it costs 120 ns or more),
-# not the figure the hypervisor reports.
-: >"$out/misses.jsonl"
+# ---- side by side with the peer --------------------------------------------------
+# Both programs read the same files; for each set they run in turn, the
+# order swapped every round, and must agree on every query's outcome.
+sets=$out/sets
+mkdir -p "$sets"
+rm -f "$sets"/*
+KELA_BENCH_DATA=$data ./"$build"/bench/kela_bench --write-sets "$sets"
+kela_side=./$build/bench/kela_side
+bird_side=./$build/peer/side_bird
+reps=${KELA_BENCH_REPS:-3}
+side_sets=()
+for f in v4 v6; do
+  for n in 1000 10000 100000 1000000 real; do [ -s "$sets/$f-$n.set" ] && side_sets+=("$f-$n"); done
+done
+: >"$out/side.jsonl"
+for name in "${side_sets[@]}"; do
+  for ((r = 1; r <= reps; r++)); do
+    order=("$kela_side" "$bird_side")
+    [ $((r % 2)) = 0 ] && order=("$bird_side" "$kela_side")
+    for prog in "${order[@]}"; do
+      "$prog" measure "$sets" "$name" "$out/outcomes.$(basename "$prog").$name" |
+        sed "s/}\$/, \"round\": $r}/" >>"$out/side.jsonl"
+    done
+  done
+  python3 - "$sets/$name.cold" "$out/outcomes.kela_side.$name" "$out/outcomes.side_bird.$name" <<'PY'
+import sys
+queries, ours, peer = sys.argv[1], open(sys.argv[2]).read(), open(sys.argv[3]).read()
+if ours != peer:
+    at = next((i for i, (a, b) in enumerate(zip(ours, peer)) if a != b), min(len(ours), len(peer)))
+    q = open(queries).read().splitlines()[at] if at < len(ours) else "(one side stopped early)"
+    sys.exit(f"run.sh: the sides disagree on query {at + 1} of {queries}: {q} "
+             f"(this project {ours[at:at + 1] or '-'}, BIRD {peer[at:at + 1] or '-'})")
+PY
+done
+
+# ---- per-query counts: callgrind's cache simulation over one cold pass -----------
+# Both sides, every set: instructions, L1 misses and reads from memory per
+# query of a second cold pass.  D1 as this machine's (48 KiB, 12-way); LL
+# 8 MiB: the share of the last-level cache a process gets here (a chain of
+# dependent reads over a random 4 MiB stays near 20 ns a read, over 8 MiB
+# it costs 120 ns or more), not the figure the hypervisor reports.
+: >"$out/side_counts.jsonl"
 if command -v valgrind >/dev/null; then
-  for set in v4/1000 v4/1000000 v4/real v6/1000000 v6/real; do
-    case $set in */real) [ -s "$data/set-${set%%/*}.txt" ] || continue ;; esac
-    tag=${set//\//-}
-    rm -f "$out/cg.$tag".*
-    line=$(KELA_BENCH_DATA=$data valgrind --tool=callgrind --cache-sim=yes --instr-atstart=no \
-      --D1=49152,12,64 --LL=8388608,16,64 --callgrind-out-file="$out/cg.$tag.%p" \
-      ./"$build"/bench/kela_bench --misses "$set" 2>/dev/null)
-    dump=$(grep -l 'Trigger: Client Request: second pass' "$out/cg.$tag".* | head -1)
-    echo "$line" | python3 -c '
+  for name in "${side_sets[@]}"; do
+    for prog in "$kela_side" "$bird_side"; do
+      tag=$(basename "$prog").$name
+      rm -f "$out/cg.$tag".*
+      line=$(valgrind --tool=callgrind --cache-sim=yes --instr-atstart=no \
+        --D1=49152,12,64 --LL=8388608,16,64 --callgrind-out-file="$out/cg.$tag.%p" \
+        "$prog" counts "$sets" "$name" 2>/dev/null)
+      dump=$(grep -l 'Trigger: Client Request: second pass' "$out/cg.$tag".* | head -1)
+      echo "$line" | python3 -c '
 import json, sys
 rec = json.loads(sys.stdin.read())
-dump = sys.argv[1]
 events = summary = None
-for l in open(dump):
+for l in open(sys.argv[1]):
     if l.startswith("events:"): events = l.split()[1:]
     if l.startswith("summary:"): summary = [int(x) for x in l.split()[1:]]
-rec.update(dict(zip(events, summary)))
-print(json.dumps(rec))' "$dump" >>"$out/misses.jsonl"
+rec.update(dict(zip(events, summary + [0] * len(events))))  # callgrind leaves out trailing zeros
+print(json.dumps(rec))' "$dump" >>"$out/side_counts.jsonl"
+    done
   done
 fi
 
@@ -134,7 +176,8 @@ printf '{"routes": %s, "set": %s, "policy_cpu": %s, "policy_wall": %s, "policy_r
   "$n_routes" "$n_set" "$policy_cpu" "$policy_wall" "$policy_rss" "$parse_cpu" "$parse_wall" "$parse_rss" \
   "$table_version" "$load_before" "$load_after" "$compile_runs" "$jobs2_cpu" "$jobs2_wall" "$jobs2_rss" >"$out/end_to_end.json"
 
-python3 bench/report.py "$out/bench.json" "$out/misses.jsonl" "$out/end_to_end.json" docs/performance.md "$out"
+python3 bench/report.py "$out/bench.json" "$out/side.jsonl" "$out/side_counts.jsonl" "$out/end_to_end.json" \
+  docs/performance.md "$out" "$(cat "$build/peer/version")"
 gnuplot <<GP
 set terminal pngcairo size 800,500
 set output "docs/lookup.png"
