@@ -3,8 +3,8 @@
 // the compilation of what parses.
 #include <string>
 
-#include "client.hpp"
 #include "policy.hpp"
+#include "route_io.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     static bool registered = [] {
@@ -16,9 +16,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     kp::Route r;
     kp::RouteError rerr;
     bool skip = false;
-    (void)kp::parse_route_text(text, r, rerr);
-    (void)kp::parse_route_json(text, r, rerr);
-    (void)kp::parse_route_bgpdump(text, r, rerr, skip);
+    for (kp::Format f : {kp::Format::Text, kp::Format::Json, kp::Format::Bgpdump})
+        (void)kp::parse_route(f, text, r, rerr, skip);
     kp::Policy policy;
     kp::PolicyError perr;
     if (kp::parse_policy(text, policy, perr)) (void)kp::compile_policy(policy, "import", perr);

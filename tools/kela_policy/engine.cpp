@@ -1,23 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
-// Route evaluation, explanations, hit counts and per-route output.
+// Route evaluation: each rule's conditions through the compiled statements,
+// the deciding rule's actions, the attributes they changed, the list entry
+// that matched a condition, and the counts behind the summary.
 #include "engine.hpp"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
-#include <nlohmann/json.hpp>
+#include <unordered_map>
 
 #include "kela_ref.h"
 #include "vog.h"
 
 namespace kp {
-
-using Json = nlohmann::ordered_json;
-
-// Valid UTF-8 whatever the input: bytes that are not are replaced.
-static std::string dump(const Json &j) {
-    return j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-}
 
 void Counters::merge(const Counters &o) {
     routes += o.routes;
@@ -27,14 +23,17 @@ void Counters::merge(const Counters &o) {
     skipped += o.skipped;
     multi_community += o.multi_community;
     default_hits += o.default_hits;
-    rule_hits.resize(std::max(rule_hits.size(), o.rule_hits.size()));
-    for (std::size_t i = 0; i < o.rule_hits.size(); ++i) rule_hits[i] += o.rule_hits[i];
-    list_hits.resize(std::max(list_hits.size(), o.list_hits.size()));
-    for (std::size_t i = 0; i < o.list_hits.size(); ++i) {
-        list_hits[i].resize(std::max(list_hits[i].size(), o.list_hits[i].size()));
-        for (std::size_t k = 0; k < o.list_hits[i].size(); ++k)
-            list_hits[i][k] += o.list_hits[i][k];
-    }
+    auto add = [](auto &to, const auto &from) {
+        to.resize(std::max(to.size(), from.size()));
+        for (std::size_t i = 0; i < from.size(); ++i) to[i] += from[i];
+    };
+    auto add_each = [&](auto &to, const auto &from) {
+        to.resize(std::max(to.size(), from.size()));
+        for (std::size_t i = 0; i < from.size(); ++i) add(to[i], from[i]);
+    };
+    add(rule_hits, o.rule_hits);
+    add_each(list_hits, o.list_hits);
+    add_each(condition_true, o.condition_true);
 }
 
 // Finds the first entry of a list that a route's value matches, by the
@@ -159,19 +158,21 @@ class EntryFinder {
     std::unordered_map<std::string, std::uint32_t> values_;
 };
 
-Engine::Engine(Policy &policy, const EngineOptions &options) : policy_(policy), opt_(options) {
+Engine::Engine(const Policy &policy, const EngineOptions &options)
+    : policy_(policy), opt_(options) {
     std::unordered_map<const ValueList *, std::size_t> seen;
+    const bool entries = opt_.explain || opt_.set_hits || opt_.coverage;
     for (const Rule &rule : policy_.rules) {
         info_.emplace_back();
         for (const Condition &c : rule.conditions) {
             ConditionInfo ci;
             const bool answerable = c.list && c.attr != "rib-has-route";
-            if (answerable && (opt_.explain || opt_.set_hits)) {
+            if (answerable && entries) {
                 finders_.push_back(std::make_unique<EntryFinder>(*c.list, c.attr, c.op));
                 ci.finder = finders_.back().get();
                 const auto [it, fresh] = seen.emplace(c.list.get(), lists_.size());
                 if (fresh) lists_.push_back(c.list.get());
-                ci.list = it->second;
+                ci.list = static_cast<long>(it->second);
             }
             info_.back().push_back(ci);
         }
@@ -183,8 +184,10 @@ Engine::~Engine() = default;
 Counters Engine::counters() const {
     Counters c;
     c.rule_hits.assign(policy_.rules.size(), 0);
-    if (opt_.set_hits)
+    if (opt_.set_hits || opt_.coverage)
         for (const ValueList *l : lists_) c.list_hits.emplace_back(l->items.size(), 0);
+    if (opt_.coverage)
+        for (const Rule &r : policy_.rules) c.condition_true.emplace_back(r.conditions.size(), 0);
     return c;
 }
 
@@ -212,22 +215,20 @@ std::vector<std::string> snapshot(const std::vector<std::string> &names, Route &
 
 }  // namespace
 
-void Engine::evaluate(Route &r, std::string_view line, std::size_t number, Counters &c,
-                      std::string &out) const {
+void Engine::evaluate(Route &r, std::uint64_t key, Counters &c, Outcome &out) const {
     ++c.routes;
     if (r.communities > 1) ++c.multi_community;
+    out.changes.clear();
+    out.conditions.clear();
+    out.rule = -1;
+    const bool counting = opt_.set_hits || opt_.coverage;
     kref_eval_rec_t rec{};
     rec.session = r.table;
-    rec.afi = r.destination.family == 10 ? 2 : 1;
-    rec.key = number;
-    const Rule *decided = nullptr;
-    std::vector<Change> changes;
-    std::string explain_text;
-    Json explain_json = Json::array();
-    for (std::size_t ri = 0; ri < policy_.rules.size(); ++ri) {
+    rec.afi = static_cast<std::uint8_t>(rib_afi(r));
+    rec.key = key;
+    for (std::size_t ri = 0; ri < policy_.rules.size() && out.rule < 0; ++ri) {
         const Rule &rule = policy_.rules[ri];
         bool all = true;
-        Json conds = Json::array();
         for (std::size_t ci = 0; ci < rule.conditions.size(); ++ci) {
             const Condition &cond = rule.conditions[ci];
             int32_t got = 0;
@@ -237,44 +238,23 @@ void Engine::evaluate(Route &r, std::string_view line, std::size_t number, Count
             long entry = -1;
             if (info.finder != nullptr && holds) {
                 entry = info.finder->find(r);
-                if (entry >= 0 && opt_.set_hits)
-                    ++c.list_hits[info.list][static_cast<std::size_t>(entry)];
+                if (entry >= 0 && counting)
+                    ++c.list_hits[static_cast<std::size_t>(info.list)]
+                                 [static_cast<std::size_t>(entry)];
             }
-            if (opt_.explain) {
-                const std::string shown =
-                    entry >= 0 ? cond.list->shown[static_cast<std::size_t>(entry)] : "";
-                if (opt_.json) {
-                    Json j;
-                    j["condition"] = cond.text;
-                    j["outcome"] = holds;
-                    if (info.finder != nullptr)
-                        j["entry"] = entry >= 0 ? Json(shown) : Json(nullptr);
-                    if (st != 0) j["status"] = vog_strerror(st);
-                    conds.push_back(std::move(j));
-                } else {
-                    explain_text += "    rule " + rule.name + ": " + cond.text + " = " +
-                                    (holds ? "true" : "false");
-                    if (st != 0) explain_text += std::string(" (") + vog_strerror(st) + ")";
-                    if (info.finder != nullptr && st == 0)
-                        explain_text += holds && entry >= 0 ? " (entry " + shown + ")"
-                                                            : std::string(" (no entry matched)");
-                    explain_text += "\n";
-                }
-            }
+            if (holds && opt_.coverage) ++c.condition_true[ri][ci];
+            if (opt_.explain)
+                out.conditions.push_back({static_cast<std::uint32_t>(ri),
+                                          static_cast<std::uint32_t>(ci), holds, st,
+                                          info.finder != nullptr, entry});
             if (!holds) {
                 all = false;
                 // Only --explain goes on, to show every condition's outcome.
                 if (!opt_.explain) break;
             }
         }
-        if (opt_.explain && opt_.json) {
-            Json j;
-            j["rule"] = rule.name;
-            j["conditions"] = std::move(conds);
-            explain_json.push_back(std::move(j));
-        }
         if (!all) continue;
-        decided = &rule;
+        out.rule = static_cast<long>(ri);
         ++c.rule_hits[ri];
         if (!rule.actions.empty()) {
             const std::vector<std::string> names = set_by(rule);
@@ -282,87 +262,13 @@ void Engine::evaluate(Route &r, std::string_view line, std::size_t number, Count
             for (const Action &a : rule.actions) kref_apply(a.stmt, &r);
             const std::vector<std::string> after = snapshot(names, r);
             for (std::size_t i = 0; i < names.size(); ++i)
-                if (before[i] != after[i]) changes.push_back({names[i], before[i], after[i]});
+                if (before[i] != after[i]) out.changes.push_back({names[i], before[i], after[i]});
         }
-        break;
     }
-    const bool accept = decided != nullptr ? decided->accept : policy_.default_accept;
-    if (decided == nullptr) ++c.default_hits;
-    (accept ? c.accepted : c.rejected) += 1;
-
-    if (opt_.routes) {
-        if (accept) append_changed_route(out, line, opt_.input, changes);
-        return;
-    }
-    static const std::string default_rule = "default";
-    const std::string &rule = decided != nullptr ? decided->name : default_rule;
-    if (opt_.json) {
-        Json j;
-        j["line"] = number;
-        j["route"] = destination_text(r);
-        j["verdict"] = accept ? "accept" : "reject";
-        j["rule"] = rule;
-        j["changes"] = Json::array();
-        for (const Change &ch : changes)
-            j["changes"].push_back({{"attribute", ch.attr}, {"from", ch.before}, {"to", ch.after}});
-        if (opt_.explain) j["explain"] = std::move(explain_json);
-        out += dump(j);
-        out += '\n';
-        return;
-    }
-    append_destination(out, r);
-    out += accept ? " accept (rule " : " reject (rule ";
-    out += rule;
-    out += ')';
-    for (const Change &ch : changes) out += " " + ch.attr + " " + ch.before + " -> " + ch.after;
-    out += '\n';
-    out += explain_text;
-}
-
-std::string Engine::summary(const Counters &c) const {
-    auto list_name = [&](const ValueList &l) {
-        if (!l.name.empty()) return l.name;
-        return "list at line " + std::to_string(l.defined.line);
-    };
-    if (opt_.json) {
-        Json s;
-        s["routes"] = c.routes;
-        s["accepted"] = c.accepted;
-        s["rejected"] = c.rejected;
-        s["malformed"] = c.malformed;
-        if (c.skipped != 0) s["skipped"] = c.skipped;
-        Json hits = Json::object();
-        for (std::size_t i = 0; i < policy_.rules.size(); ++i)
-            hits[policy_.rules[i].name] = c.rule_hits[i];
-        hits["default"] = c.default_hits;
-        s["hits"] = std::move(hits);
-        if (opt_.set_hits) {
-            Json sets = Json::object();
-            for (std::size_t i = 0; i < lists_.size(); ++i) {
-                Json entries = Json::array();
-                for (std::size_t k = 0; k < lists_[i]->shown.size(); ++k)
-                    entries.push_back(
-                        {{"entry", lists_[i]->shown[k]}, {"hits", c.list_hits[i][k]}});
-                sets[list_name(*lists_[i])] = std::move(entries);
-            }
-            s["set_hits"] = std::move(sets);
-        }
-        return dump(Json{{"summary", std::move(s)}}) + "\n";
-    }
-    std::string out = "summary: " + std::to_string(c.routes) + " routes, " +
-                      std::to_string(c.accepted) + " accepted, " + std::to_string(c.rejected) +
-                      " rejected, " + std::to_string(c.malformed) + " malformed";
-    if (c.skipped != 0) out += ", " + std::to_string(c.skipped) + " skipped";
-    out += "; hits:";
-    for (std::size_t i = 0; i < policy_.rules.size(); ++i)
-        out += " " + policy_.rules[i].name + "=" + std::to_string(c.rule_hits[i]);
-    out += " default=" + std::to_string(c.default_hits) + "\n";
-    if (opt_.set_hits)
-        for (std::size_t i = 0; i < lists_.size(); ++i)
-            for (std::size_t k = 0; k < lists_[i]->shown.size(); ++k)
-                out += "set-hits: " + list_name(*lists_[i]) + ": " + lists_[i]->shown[k] + " = " +
-                       std::to_string(c.list_hits[i][k]) + "\n";
-    return out;
+    out.accept = out.rule >= 0 ? policy_.rules[static_cast<std::size_t>(out.rule)].accept
+                               : policy_.default_accept;
+    if (out.rule < 0) ++c.default_hits;
+    (out.accept ? c.accepted : c.rejected) += 1;
 }
 
 }  // namespace kp

@@ -1,29 +1,44 @@
 // SPDX-License-Identifier: Apache-2.0
-// Evaluation of routes against a compiled policy: the verdict, the changed
-// attributes, the explanation of every condition (with the set entry that
-// matched), hit counts, and the output line of each route.  One Engine is
-// shared by every worker thread; each thread counts into its own Counters.
+// Evaluation of routes against a compiled policy.  Each evaluation gives an
+// Outcome (the verdict, the deciding rule or the default, the changed
+// attributes and, when asked, every condition's result with the list entry
+// that matched); run, eval, diff and test consume it and the writers format
+// it.  One Engine is shared by every worker thread; each thread counts into
+// its own Counters.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <string_view>
-#include <unordered_map>
 #include <vector>
 
-#include "client.hpp"
 #include "policy.hpp"
+#include "route_io.hpp"
 
 namespace kp {
 
 struct EngineOptions {
-    bool explain = false;   // every condition's outcome
-    bool set_hits = false;  // count the entry of a list that matched
-    bool json = false;      // JSON Lines instead of text
-    bool routes = false;    // accepted routes in their input format instead of verdicts
-    Format input = Format::Auto;
+    bool explain = false;   // every condition of each rule tried, with its result
+    bool set_hits = false;  // count the list entry that matched first
+    bool coverage = false;  // count the conditions that held, and the entries
+};
+
+// One condition's result.
+struct ConditionResult {
+    std::uint32_t rule = 0, condition = 0;  // indices into the policy
+    bool holds = false;
+    vogno status = 0;     // the evaluation's own status (0: it ran)
+    bool listed = false;  // a list operand whose matching entry was looked for
+    long entry = -1;      // that entry's index, -1 when none matched
+};
+
+// What the policy did to one route.
+struct Outcome {
+    bool accept = false;
+    long rule = -1;  // the deciding rule, -1 for the default
+    std::vector<Change> changes;
+    std::vector<ConditionResult> conditions;  // with explain, each condition tried
 };
 
 struct Counters {
@@ -31,7 +46,8 @@ struct Counters {
     std::size_t multi_community = 0;  // routes with more standard communities than one
     std::vector<std::size_t> rule_hits;
     std::size_t default_hits = 0;
-    std::vector<std::vector<std::uint64_t>> list_hits;  // per Engine::lists(), per entry
+    std::vector<std::vector<std::uint64_t>> list_hits;       // per Engine::lists(), per entry
+    std::vector<std::vector<std::uint64_t>> condition_true;  // per rule, per condition
     void merge(const Counters &o);
 };
 
@@ -39,26 +55,31 @@ class EntryFinder;
 
 class Engine {
   public:
-    Engine(Policy &policy, const EngineOptions &options);
+    Engine(const Policy &policy, const EngineOptions &options);
     ~Engine();
     Engine(const Engine &) = delete;
     Engine &operator=(const Engine &) = delete;
 
+    const Policy &policy() const { return policy_; }
+    const EngineOptions &options() const { return opt_; }
+    // Zeroed counters of the right shape.
     Counters counters() const;
-    // Evaluates the route (its setters change it) and appends its output.
-    void evaluate(Route &r, std::string_view line, std::size_t number, Counters &c,
-                  std::string &out) const;
-    // The lists whose entries are counted, in policy order.
+    // Evaluates the route (the deciding rule's setters change it) under the
+    // evaluation key `key`.
+    void evaluate(Route &r, std::uint64_t key, Counters &c, Outcome &out) const;
+    // The lists whose entries are counted, in policy order, and the list of
+    // each condition (-1: none).
     const std::vector<const ValueList *> &lists() const { return lists_; }
-    // The summary (and the per-entry hit counts when asked) as output.
-    std::string summary(const Counters &c) const;
+    long list_of(std::size_t rule, std::size_t condition) const {
+        return info_[rule][condition].list;
+    }
 
   private:
     struct ConditionInfo {
         const EntryFinder *finder = nullptr;
-        std::size_t list = 0;  // index into lists_
+        long list = -1;  // index into lists_
     };
-    Policy &policy_;
+    const Policy &policy_;
     EngineOptions opt_;
     std::vector<const ValueList *> lists_;
     std::vector<std::unique_ptr<EntryFinder>> finders_;

@@ -103,6 +103,29 @@ bool LineReader::next(std::string_view &line) {
     }
 }
 
+std::string quote(std::string_view text) {
+    if (text.size() <= kQuoteMax) return "'" + std::string(text) + "'";
+    return "'" + std::string(text.substr(0, kQuoteMax)) + "...' (" + std::to_string(text.size()) +
+           " bytes)";
+}
+
+std::string json_error_text(const std::string &what) {
+    // "[json.exception.parse_error.101] parse error at line 1, column 9:
+    // syntax error ...; last read: '...'; expected ..." keeps what follows
+    // the position.
+    std::string m = what;
+    if (const std::size_t c = m.find(": "); c != std::string::npos) m.erase(0, c + 2);
+    const std::string mark = "last read: '";
+    const std::size_t from = m.find(mark);
+    if (from != std::string::npos) {
+        const std::size_t start = from + mark.size();
+        const std::size_t end = m.find("'; ", start);
+        const std::size_t len = (end == std::string::npos ? m.size() : end) - start;
+        if (len > kQuoteMax) m.replace(start + kQuoteMax, len - kQuoteMax, "...");
+    }
+    return m;
+}
+
 bool read_all(const std::string &path, std::string &out, std::string &error) {
     LineReader in;
     if (!in.open(path)) {

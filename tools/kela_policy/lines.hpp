@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// Line input of kela-policy.  Files, pipes, FIFOs and standard input are read
-// once, front to back, through read(2): a read error is reported as an error
-// instead of looking like the end of the input, and nothing is ever read a
-// second time (a pipe could not give it again).  LF, CR LF and a lone CR all
-// end a line, so files from any system read as lines.
+// Line input of kela-policy, and the quoting of input in messages.  Files, pipes, FIFOs and
+// standard input are read once, front to back, through read(2): a read error is reported as an
+// error instead of looking like the end of the input, and nothing is ever read a second time (a
+// pipe could not give it again).  LF, CR LF and a lone CR all end a line, so files from any system
+// read as lines.
 #pragma once
 
 #include <cstddef>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -54,6 +55,39 @@ class LineReader {
     std::vector<char> buf_;
     std::size_t begin_ = 0, end_ = 0, number_ = 0;
     std::string error_;
+};
+
+// Texts of the input quoted in messages are cut to this many bytes:
+// "'TEXT'" or "'TEXT...' (N bytes)".
+constexpr std::size_t kQuoteMax = 64;
+std::string quote(std::string_view text);
+
+// The JSON library's error text without its prefix, and the input it
+// quotes cut to a bounded length.
+std::string json_error_text(const std::string &what);
+
+// An input iterator over text in memory that reports how far the JSON
+// reader has read, so that a value's place in its line or file is known.
+struct TrackingIter {
+    using iterator_category = std::input_iterator_tag;
+    using value_type = char;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const char *;
+    using reference = const char &;
+    const char *p;
+    const char **at;
+    reference operator*() const { return *p; }
+    TrackingIter &operator++() {
+        *at = ++p;
+        return *this;
+    }
+    TrackingIter operator++(int) {
+        TrackingIter t = *this;
+        ++*this;
+        return t;
+    }
+    bool operator==(const TrackingIter &o) const { return p == o.p; }
+    bool operator!=(const TrackingIter &o) const { return p != o.p; }
 };
 
 // Reads a whole file ("-": standard input); false with `error` set.

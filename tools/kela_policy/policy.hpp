@@ -69,6 +69,7 @@ struct Diagnostic {
 };
 
 struct Policy {
+    std::string file;  // where it was read from, for messages
     std::vector<Rule> rules;
     std::vector<std::shared_ptr<ValueList>> sets;  // named sets, in order
     std::unordered_map<std::string, std::size_t> set_index;
@@ -110,8 +111,5 @@ bool parse_policy(const std::string &text, Policy &policy, PolicyError &err,
 // status text, with a plain explanation where one is known) when one is
 // refused.  Adds the warnings that need the compiled policy.
 bool compile_policy(Policy &policy, const char *location, PolicyError &err);
-
-// Texts of the input quoted in messages are cut to a bounded length.
-std::string quote(const std::string &text);
 
 }  // namespace kp

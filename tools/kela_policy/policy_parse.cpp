@@ -1,38 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
-// The kela-policy language: statements, named sets and list files, and the
-// compilation of each condition and action through the reference framework.
-#include "policy.hpp"
-
+// The kela-policy language: tokens, statements, rules, named sets and the
+// lists written in conditions (list files are read by lists.cpp).
 #include <arpa/inet.h>
 
 #include <cctype>
-#include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <nlohmann/json.hpp>
 #include <unordered_set>
 
-#include "client.hpp"
-#include "kela_shared.h"
+#include "kela_ref.h"
 #include "lines.hpp"
-#include "vog.h"
+#include "syntax.hpp"
 
 namespace kp {
 
-std::string quote(const std::string &text) {
-    constexpr std::size_t kMax = 64;
-    if (text.size() <= kMax) return "'" + text + "'";
-    return "'" + text.substr(0, kMax) + "...' (" + std::to_string(text.size()) + " bytes)";
-}
-
 namespace {
-
-struct Token {
-    std::string text;
-    std::size_t line = 0, column = 0;  // column 1-based
-    bool quoted = false;               // written in double quotes
-    bool newline = false;              // a line break inside braces
-};
 
 const char *const kKeywords[] = {"rule",   "if",      "set",        "accept",
                                  "reject", "default", "prefix-set", "value-set"};
@@ -43,6 +25,8 @@ bool is_keyword(const Token &t) {
         if (t.text == k) return true;
     return false;
 }
+
+}  // namespace
 
 // Words, quoted texts, and the punctuation of lists as tokens of their own.
 // `depth` carries the brace depth from line to line.
@@ -77,6 +61,8 @@ std::vector<Token> tokenize(std::string_view line, std::size_t n, int &depth) {
     return out;
 }
 
+namespace {
+
 bool is_prefix_set_op(const std::string &op) {
     return op == "pfxmatch" || op == "pfxlonger" || op == "pfxorlonger" || op == "in" ||
            op == "async";
@@ -87,6 +73,8 @@ bool looks_like_name(const std::string &s) {
     return !s.empty() && std::isalpha(static_cast<unsigned char>(s[0])) &&
            s.find_first_of(".:/") == std::string::npos;
 }
+
+}  // namespace
 
 std::string join(const std::vector<Token> &t, std::size_t from, std::size_t to) {
     std::string s;
@@ -186,6 +174,8 @@ void check_host_bits(const std::vector<std::string> &entry, const Where &w,
          "did you mean " + std::string(text) + "/" + entry[1] + "?"});
 }
 
+namespace {
+
 // Splits "{ a, b c, d }" (or a single item without braces) into items;
 // inside braces a line break separates entries too.
 bool split_items(const std::vector<Token> &t, std::size_t from,
@@ -274,184 +264,6 @@ bool list_entries(const std::vector<std::vector<Token>> &items, Policy &policy, 
         list.where.push_back(w);
     }
     return true;
-}
-
-// Line and column of a byte offset of `text`.
-Where where_in(const std::string &file, const std::string &text, std::size_t offset) {
-    Where w{file, 1, 1};
-    for (std::size_t i = 0; i < offset && i < text.size(); ++i) {
-        if (text[i] == '\n') {
-            ++w.line;
-            w.column = 1;
-        } else {
-            ++w.column;
-        }
-    }
-    return w;
-}
-
-// The input iterator of the JSON reader reports how far it has read, so
-// that an entry's place in the file is known.
-struct TrackingIter {
-    using iterator_category = std::input_iterator_tag;
-    using value_type = char;
-    using difference_type = std::ptrdiff_t;
-    using pointer = const char *;
-    using reference = const char &;
-    const char *p;
-    const char **at;
-    reference operator*() const { return *p; }
-    TrackingIter &operator++() {
-        *at = ++p;
-        return *this;
-    }
-    TrackingIter operator++(int) {
-        TrackingIter t = *this;
-        ++*this;
-        return t;
-    }
-    bool operator==(const TrackingIter &o) const { return p == o.p; }
-    bool operator!=(const TrackingIter &o) const { return p != o.p; }
-};
-
-// A list file in JSON: `bgpq4 -j` output ({"NAME": [{"prefix": "10.0.0.0/8",
-// "exact": false, "less-equal": 24}, ...]}), or an array of entries; an
-// entry may also be a string written as in the policy, or a number.
-bool json_list(const std::string &file, const std::string &text, ValueList &list,
-               PolicyError &err) {
-    using nlohmann::json;
-    const char *at = text.data();
-    // The start of each value at each depth, in document order.
-    std::vector<std::pair<int, std::size_t>> starts;
-    json::parser_callback_t cb = [&](int depth, json::parse_event_t ev, json &) {
-        if (ev == json::parse_event_t::object_start || ev == json::parse_event_t::array_start)
-            starts.emplace_back(depth, static_cast<std::size_t>(at - text.data()) - 1);
-        else if (ev == json::parse_event_t::value)
-            starts.emplace_back(depth, static_cast<std::size_t>(at - text.data()));
-        return true;
-    };
-    json doc;
-    auto fail_at = [&](std::size_t offset, const std::string &m) {
-        const Where w = where_in(file, text, offset);
-        err = {w.line, w.column, m, file, ""};
-        return false;
-    };
-    try {
-        doc = json::parse(TrackingIter{text.data(), &at},
-                          TrackingIter{text.data() + text.size(), &at}, cb);
-    } catch (const json::parse_error &e) {
-        return fail_at(e.byte > 0 ? e.byte - 1 : 0, json_error_text(e.what()));
-    }
-    int depth = 1;
-    const json *entries = &doc;
-    if (doc.is_object()) {
-        if (doc.size() != 1 || !doc.begin()->is_array())
-            return fail_at(0, "expected an array of entries, or an object with one array");
-        entries = &*doc.begin();
-        depth = 2;
-    }
-    if (!entries->is_array()) return fail_at(0, "expected an array of entries");
-    // Entry i starts at the i-th start recorded at the entries' depth.
-    std::vector<std::size_t> offsets;
-    for (const auto &[d, off] : starts)
-        if (d == depth) offsets.push_back(off);
-    std::size_t i = 0;
-    for (const json &e : *entries) {
-        const std::size_t off = i < offsets.size() ? offsets[i] : 0;
-        ++i;
-        const Where w = where_in(file, text, off);
-        std::vector<Token> words;
-        auto word = [&](std::string s) { words.push_back({std::move(s), w.line, w.column}); };
-        if (e.is_string()) {
-            int d = 0;
-            words = tokenize(e.get<std::string>(), w.line, d);
-            for (Token &t : words) t.column = w.column;
-        } else if (e.is_number_unsigned()) {
-            word(std::to_string(e.get<std::uint64_t>()));
-        } else if (e.is_number()) {
-            word(e.dump());
-        } else if (e.is_object() && list.prefixes) {
-            const auto p = e.find("prefix");
-            if (p == e.end() || !p->is_string())
-                return fail_at(off, "expected an entry with a \"prefix\" string");
-            word(p->get<std::string>());
-            const bool exact = e.value("exact", false);
-            for (const auto &[key, name] :
-                 {std::pair{"greater-equal", "ge"}, std::pair{"less-equal", "le"}}) {
-                const auto v = e.find(key);
-                if (v == e.end() || exact) continue;
-                if (!v->is_number_unsigned())
-                    return fail_at(off, std::string("\"") + key + "\" must be a number");
-                word(name);
-                word(std::to_string(v->get<std::uint64_t>()));
-            }
-        } else {
-            return fail_at(off, list.prefixes ? "expected a prefix entry (object or string)"
-                                              : "expected a value (number or string)");
-        }
-        if (words.empty()) return fail_at(off, "empty entry");
-        PolicyError perr;
-        if (list.prefixes) {
-            std::vector<std::string> entry;
-            if (!prefix_entry(words, entry, perr)) return fail_at(off, perr.message);
-            list.items.push_back(std::move(entry));
-        } else {
-            if (words.size() != 1) return fail_at(off, "one value per entry");
-            list.items.push_back({words[0].text});
-        }
-        list.shown.push_back(join(words, 0, words.size()));
-        list.where.push_back(w);
-    }
-    return true;
-}
-
-// A plain list file: one entry per line ("10.0.0.0/8 le 24", a value), '#'
-// comments; the prefix-list lines that IRR tools print ("ip prefix-list
-// NAME [seq N] permit 10.0.0.0/8 le 24") are read too.
-bool plain_list(const std::string &file, const std::string &text, ValueList &list,
-                PolicyError &err) {
-    bool ok = true;
-    for_each_line(text, [&](std::string_view line, std::size_t n) {
-        int depth = 1;  // commas separate values, as inside braces
-        std::vector<Token> t = tokenize(line, n, depth);
-        std::size_t from = 0;
-        if (t.size() >= 2 && (t[0].text == "ip" || t[0].text == "ipv6") &&
-            t[1].text == "prefix-list") {
-            from = 3;
-            if (from < t.size() && t[from].text == "seq") from += 2;
-            if (from >= t.size()) return true;  // "no ip prefix-list NAME" and the like
-            if (t[from].text != "permit") {
-                err = located(t[from],
-                              "only 'permit' entries can be read, found " + quote(t[from].text));
-                err.file = file;
-                return ok = false;
-            }
-            ++from;
-        } else if (!t.empty() && t[0].text == "no") {
-            return true;
-        }
-        t.erase(t.begin(), t.begin() + static_cast<long>(std::min(from, t.size())));
-        if (t.empty()) return true;
-        if (list.prefixes) {
-            std::vector<std::string> entry;
-            if (!prefix_entry(t, entry, err)) {
-                err.file = file;
-                return ok = false;
-            }
-            list.items.push_back(std::move(entry));
-            list.shown.push_back(join(t, 0, t.size()));
-            list.where.push_back({file, n, t[0].column});
-        } else {
-            for (const Token &w : t) {
-                if (w.text == ",") continue;
-                list.items.push_back({w.text});
-                list.shown.push_back(w.text);
-                list.where.push_back({file, n, w.column});
-            }
-        }
-        return true;
-    });
-    return ok;
 }
 
 class Parser {
@@ -734,136 +546,6 @@ bool parse_policy(const std::string &text, Policy &policy, PolicyError &err,
         return false;
     }
     return parser.finish();
-}
-
-namespace {
-
-// A plain-language explanation of a verifier's message, beside the
-// library's own text.
-std::string plain_note(const std::string &attr, const std::string &op, const std::string &msg,
-                       vogno st, const char *location) {
-    auto has = [&](const char *s) { return msg.find(s) != std::string::npos; };
-    if (st == KREF_ERR_LOCATION)
-        return quote(attr) + " cannot be used at '" + location + "' (see --at)";
-    if (op == "assign" && (attr == "destination" || attr == "nexthop"))
-        return "'set " + attr + "' takes an address without a length";
-    if (has("Type not supported at this attachpoint") ||
-        (msg.empty() && st == KEL_SHARED_ERR_BAD_VALUE)) {
-        if (attr == "community") return "a community is AS:N, both numbers from 0 to 65535";
-        if (attr == "origin") return "origin is igp, egp or incomplete";
-        if (attr == "flags")
-            return "flags are blackhole, no-export, no-advertise, graceful-shutdown, joined by ','";
-        if (integer_bits(attr) != 0) return quote(attr) + " takes whole decimal numbers";
-        return "a value is not one that " + quote(attr) + " accepts";
-    }
-    if (has("Must be a number")) return quote(attr) + " takes a whole decimal number";
-    if (has("Requires exactly one parameter")) return quote(op) + " takes exactly one value";
-    if (has("Bits set outside of mask"))
-        return "the address has bits set beyond the prefix length; write the network address";
-    if (has("Invalid prefix match parameters"))
-        return "an entry needs length <= ge <= le <= 32 (128 for IPv6)";
-    if (has("does not support gaps"))
-        return "'in' takes entries whose range starts at their own length (A/L or A/L le N)";
-    if (has("does not support prefix ranges")) return "'async' takes exact prefixes only (A/L)";
-    if (has("length of track name")) return "a tracked object's name has at most 32 characters";
-    if (has("wrong track status")) return "the state is 'up' or 'down', in lower case";
-    if (st == KEL_SHARED_ERR_BAD_VALUE)
-        return "the text is not a valid value for " + quote(attr) + " " + quote(op);
-    return {};
-}
-
-// Numbers the library's converter would wrap (a minus sign) or truncate
-// (above 32 bits) instead of refusing.
-void check_numbers(const std::string &attr, const std::vector<std::vector<std::string>> &items,
-                   const std::vector<Where> *where, const Where &at,
-                   std::vector<Diagnostic> &warnings) {
-    const unsigned bits = integer_bits(attr);
-    if (bits == 0) return;
-    for (std::size_t i = 0; i < items.size(); ++i) {
-        for (const std::string &text : items[i]) {
-            const std::size_t digits = !text.empty() && (text[0] == '+' || text[0] == '-');
-            if (digits >= text.size() ||
-                text.find_first_not_of("0123456789", digits) != std::string::npos)
-                continue;
-            const bool negative = text[0] == '-';
-            std::string num = text.substr(digits);
-            num.erase(0, std::min(num.find_first_not_of('0'), num.size()));
-            const bool wide = num.size() > 10 || (num.size() == 10 && num > "4294967295");
-            if (!negative && !wide) continue;
-            uint32_t v = 0;
-            if (shared_kela_uint32_cvt_string(text.c_str(), nullptr, 1, &v) != 0) continue;
-            const std::string max = bits == 32 ? "4294967295" : std::to_string((1ull << bits) - 1);
-            warnings.push_back({where != nullptr && i < where->size() ? (*where)[i] : at,
-                                quote(text)
-                                    .append(" is outside ")
-                                    .append(attr)
-                                    .append("'s range 0 - ")
-                                    .append(max)
-                                    .append(": the library reads it as ")
-                                    .append(std::to_string(v)),
-                                ""});
-        }
-    }
-}
-
-// Compiles one statement; the refusal names what was refused.
-bool compile_one(const char *attr, kref_kind_t kind, const char *op, const char *location,
-                 const std::vector<std::vector<std::string>> &items, std::size_t line,
-                 std::size_t column, kref_stmt_t **out, PolicyError &err) {
-    std::vector<std::vector<const char *>> texts;
-    std::vector<kref_item_t> raw;
-    texts.reserve(items.size());
-    raw.reserve(items.size());
-    for (const auto &item : items) {
-        texts.emplace_back();
-        for (const auto &w : item) texts.back().push_back(w.c_str());
-    }
-    for (const auto &t : texts) raw.push_back({static_cast<uint32_t>(t.size()), t.data()});
-    char *msg = nullptr;
-    const vogno st = kref_compile(attr, kind, op, location, raw.size(), raw.data(), &msg, out);
-    if (st == 0) {
-        std::free(msg);
-        return true;
-    }
-    const std::string text = msg != nullptr ? msg : "";
-    std::free(msg);
-    std::string m = std::string(attr) + " " + op + ": ";
-    if (!text.empty()) m += text + " ";
-    char code[16];
-    std::snprintf(code, sizeof code, "0x%08X", st);
-    m += std::string("(") + vog_strerror(st) + ", status " + code + ")";
-    err = {line, column, m, "", plain_note(attr, op, text, st, location)};
-    return false;
-}
-
-}  // namespace
-
-bool compile_policy(Policy &policy, const char *location, PolicyError &err) {
-    for (Rule &r : policy.rules) {
-        for (Condition &c : r.conditions) {
-            const Where at{"", c.line, c.column};
-            if (c.list && c.list->name.empty())
-                check_numbers(c.attr, c.list->items, &c.list->where, at, policy.warnings);
-            else if (!c.list)
-                check_numbers(c.attr, c.items, nullptr, at, policy.warnings);
-            if (!compile_one(c.attr.c_str(), KREF_CMP, c.op.c_str(), location, c.params(), c.line,
-                             c.column, &c.stmt, err))
-                return false;
-        }
-        for (Action &a : r.actions) {
-            check_numbers(a.attr, a.items, nullptr, {"", a.line, a.column}, policy.warnings);
-            if (!compile_one(a.attr.c_str(), KREF_SET, a.setter.c_str(), location, a.items, a.line,
-                             a.column, &a.stmt, err))
-                return false;
-        }
-    }
-    // A named value set is checked once, against the first attribute using it.
-    std::unordered_set<const ValueList *> checked;
-    for (Rule &r : policy.rules)
-        for (Condition &c : r.conditions)
-            if (c.list && !c.list->name.empty() && checked.insert(c.list.get()).second)
-                check_numbers(c.attr, c.list->items, &c.list->where, {}, policy.warnings);
-    return true;
 }
 
 }  // namespace kp
