@@ -21,9 +21,23 @@ the first failure.  A test that fails, crashes, reports a leak or runs past
 the timeout kills the mutant.  The result lists killed, survived and
 did-not-compile counts and every survivor as "file:line: change".
 
+Only the test programs that execute the mutated line run: one coverage
+build (gcc --coverage) of the revision runs every program once, and gcov
+gives each program's executed lines.  A mutant on a line that no program
+executes survives without a test run ("no test reaches it"); one on a line
+that holds no code of its own (a constant of a declaration, a member's
+size) runs every program.  The map is kept in the work directory and made
+again when the revision's sources or tests change; --all-programs runs
+every program on every mutant instead.
+
 usage: mutate.py [--draw N] [--count N] [--scope lib,platform,tools] [--rev REV]
-                 [--sanitize leak|address] [--workdir DIR] [--timeout SECONDS] [--list]
-                 [--programs REGEX] [--pick FILE] [--each]
+                 [--changed [REV]] [--sanitize leak|address] [--workdir DIR]
+                 [--timeout SECONDS] [--list] [--programs REGEX] [--pick FILE] [--each]
+                 [--all-programs]
+
+--changed REV mutates every line that commit REV (default HEAD) adds or
+changes in the scope's sources (all three scopes unless --scope is given),
+instead of a random sample: the check to run on every change.
 
 --programs and --pick re-check part of a sample after a test change: only the
 test programs whose name matches, only the mutants whose "file:line: change"
@@ -32,6 +46,7 @@ text is a line of FILE (a run's "survived:" lines or log lines work as they are)
 tests catch which faults, the evidence for keeping or merging a test.
 """
 import argparse
+import hashlib
 import json
 import os
 import random
@@ -214,9 +229,16 @@ def copy_tree(workdir, rev):
     return src
 
 
+def program_name(cmd):
+    """A test program's name, the same in every build tree: the executable's,
+    and for a script also its last argument (the group it checks)."""
+    name = os.path.basename(cmd[0])
+    return name if len(cmd) == 1 else f"{name} {cmd[-1]}"
+
+
 def test_commands(build):
     """One command per test program: gtest binaries run whole, others as
-    ctest has them; fastest kinds first."""
+    ctest has them."""
     info = json.loads(sh(["ctest", "--show-only=json-v1"], build).stdout)
     programs, scripts = [], []
     for t in info.get("tests", []):
@@ -234,6 +256,123 @@ def test_commands(build):
         else:
             scripts.append((cmd, env))
     return programs + scripts
+
+
+def build_flags(sanitize, coverage=False):
+    # Programs that only load the library need no relinking when it changes.
+    flags = ["-DCMAKE_BUILD_TYPE=Debug", "-DKELA_BUILD_EXAMPLES=OFF",
+             "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON"]
+    extra = " --coverage" if coverage else ""
+    if sanitize == "address":
+        flags.append("-DKELA_SANITIZE=ON")
+        sanitizer = ""
+    else:
+        # LeakSanitizer alone costs nothing until exit: leaks still kill.
+        flags.append("-DKELA_SANITIZE=OFF")
+        sanitizer = "-fsanitize=leak"
+    if sanitizer or extra:
+        flags += [f"-DCMAKE_{v}_FLAGS={(sanitizer + extra).strip()}"
+                  for v in ("CXX", "C", "EXE_LINKER", "SHARED_LINKER")]
+    return flags
+
+
+def configure_and_build(src, build, flags):
+    cfg = sh(["cmake", "-S", src, "-B", build] + flags, ROOT)
+    if cfg.returncode != 0:
+        sys.exit(cfg.stderr)
+    made = sh(["cmake", "--build", build, "-j2"], ROOT)
+    if made.returncode != 0:
+        sys.exit(made.stdout[-3000:] + "\nthe unmutated tree does not build")
+
+
+# ---- which test programs execute which lines ---------------------------------------------
+
+def coverage_key(rev, sanitize):
+    """What a coverage map depends on: every file of the revision but its
+    documentation, and the sanitizer."""
+    listing = sh(["git", "ls-tree", "-r", rev], ROOT).stdout.splitlines()
+    kept = [line for line in listing if not re.search(r"\t(docs/.*|.*\.md)$", line)]
+    return hashlib.sha1("\n".join(kept + [sanitize]).encode()).hexdigest()
+
+
+def coverage_map(workdir, src, rev, sanitize, timeout):
+    """{"programs": [[name, seconds], ...], "lines": {file: {line: [program
+    indices]}}} for the tree in src, from a coverage build that runs every
+    test program once; a line listed holds code, and the programs given
+    executed it.  The unmutated tree must pass every program here."""
+    path = os.path.join(workdir, "coverage.json")
+    key = coverage_key(rev, sanitize)
+    if os.path.exists(path):
+        with open(path) as f:
+            kept = json.load(f)
+        if kept.get("key") == key:
+            return kept, False
+    build = os.path.join(workdir, "coverage")
+    configure_and_build(src, build, build_flags(sanitize, coverage=True))
+    real_src = os.path.realpath(src)
+    notes = [os.path.join(d, n) for d, _, names in os.walk(build) for n in names
+             if n.endswith(".gcno")]
+    programs, lines = [], {}
+    for cmd, env in test_commands(build):
+        for d, _, names in os.walk(build):
+            for n in names:
+                if n.endswith(".gcda"):
+                    os.remove(os.path.join(d, n))
+        started = time.monotonic()
+        verdict, why = run_tests([(cmd, env)], build, timeout * 4)
+        if verdict != "survived":
+            sys.exit(f"the unmutated tree fails its tests ({why})")
+        index = len(programs)
+        programs.append([program_name(cmd), time.monotonic() - started])
+        useful = []  # objects with lines of the tree: the only ones read again
+        for note in notes:
+            docs = sh(["gcov", "--json-format", "--stdout", note], build).stdout.splitlines()
+            for doc in map(json.loads, docs):
+                for f in doc["files"]:
+                    # Names are relative to where the object was compiled.
+                    name = os.path.join(doc["current_working_directory"], f["file"])
+                    rel = os.path.relpath(os.path.realpath(name), real_src)
+                    if rel.startswith("..") or rel.startswith("tests/"):
+                        continue
+                    if note not in useful:
+                        useful.append(note)
+                    by_line = lines.setdefault(rel, {})
+                    for line in f["lines"]:
+                        users = by_line.setdefault(str(line["line_number"]), [])
+                        if line["count"] > 0 and index not in users:
+                            users.append(index)
+        notes = useful
+    kept = {"key": key, "programs": programs, "lines": lines}
+    with open(path, "w") as f:
+        json.dump(kept, f)
+    return kept, True
+
+
+def programs_for(mutant, text, cov):
+    """Indices of the programs that execute a line of the mutant, or None
+    when none of its lines holds code of its own (every program runs)."""
+    path, off, old, _, _ = mutant
+    first = line_of(text, off)
+    by_line = cov["lines"].get(path, {})
+    users = [by_line[str(n)] for n in range(first, first + old.count("\n") + 1)
+             if str(n) in by_line]
+    return set().union(*users) if users else None
+
+
+def changed_lines(rev, dirs):
+    """{file: set of line numbers} that commit rev adds or changes in dirs."""
+    diff = sh(["git", "diff", "-U0", "--no-color", f"{rev}^", rev, "--"] + dirs, ROOT)
+    if diff.returncode != 0:
+        sys.exit(diff.stderr)
+    out, current = {}, None
+    for line in diff.stdout.splitlines():
+        if line.startswith("+++ "):
+            current = line[6:] if line.startswith("+++ b/") else None
+        elif line.startswith("@@") and current:
+            m = re.match(r"@@ -\S+ \+(\d+)(?:,(\d+))? @@", line)
+            start, n = int(m.group(1)), int(m.group(2) or 1)
+            out.setdefault(current, set()).update(range(start, start + n))
+    return out
 
 
 FAILED = re.compile(r"^\[  FAILED  \] (\w\S*\.\S+?),?(?: |$)", re.M)
@@ -274,9 +413,13 @@ def main():
     ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     ap.add_argument("--draw", type=int, default=1,
                     help="which fixed random sample to take (same number, same sample)")
-    ap.add_argument("--count", type=int, default=150)
-    ap.add_argument("--scope", default="lib", help="comma-separated: lib, platform, tools")
+    ap.add_argument("--count", type=int,
+                    help="sample size (default 150; with --changed every mutant of the lines)")
+    ap.add_argument("--scope", help="comma-separated: lib, platform, tools (default lib; "
+                                    "with --changed all three)")
     ap.add_argument("--rev", default="HEAD", help="the revision to mutate (default HEAD)")
+    ap.add_argument("--changed", nargs="?", const="HEAD", metavar="REV",
+                    help="mutate the lines commit REV (default HEAD) adds or changes")
     ap.add_argument("--workdir", default=os.path.join(ROOT, "build", "mutation"))
     ap.add_argument("--timeout", type=float, default=120, help="test time per mutant, seconds")
     ap.add_argument("--sanitize", choices=["leak", "address"], default="leak",
@@ -287,88 +430,123 @@ def main():
     ap.add_argument("--pick", help="test only the sample's mutants named in this file")
     ap.add_argument("--each", action="store_true",
                     help="run every program on every mutant and name the failing tests")
+    ap.add_argument("--all-programs", action="store_true",
+                    help="run every program on every mutant, not only those whose coverage "
+                         "reaches its line")
     args = ap.parse_args()
+    t0 = time.monotonic()
 
-    scopes = args.scope.split(",")
+    if args.changed:
+        args.rev = args.changed
+    scopes = (args.scope or ("lib,platform,tools" if args.changed else "lib")).split(",")
     os.makedirs(args.workdir, exist_ok=True)
     src = copy_tree(args.workdir, args.rev)
     every = all_mutants(src, scopes)
-    sample = random.Random(args.draw).sample(every, min(args.count, len(every)))
+    texts = {path: open(os.path.join(src, path)).read() for path in {m[0] for m in every}}
+    if args.changed:
+        touched = changed_lines(args.rev, [d for sc in scopes for d in SCOPES[sc]])
+
+        def on_changed_line(m):
+            first = line_of(texts[m[0]], m[1])
+            return any(n in touched.get(m[0], ()) for n in range(first, first + m[2].count("\n") + 1))
+
+        every = [m for m in every if on_changed_line(m)]
+        count = len(every) if args.count is None else args.count
+    else:
+        count = 150 if args.count is None else args.count
+    sample = random.Random(args.draw).sample(every, min(count, len(every)))
+    if args.changed and args.count is None:
+        sample = every  # in file order
     if args.pick:
         wanted = open(args.pick).read()
-        sample = [m for m in sample if mutant_text(src, m) in wanted]
+        sample = [m for m in sample if mutant_text(src, m, texts[m[0]]) in wanted]
     rev = sh(["git", "rev-parse", "--short", args.rev], ROOT).stdout.strip()
-    print(f"{len(every)} mutants in {','.join(scopes)} at {rev}; "
-          f"sample of {len(sample)} (draw {args.draw})")
+    if args.changed:
+        print(f"{len(every)} mutants on the lines {rev} changes in {','.join(scopes)}; "
+              f"testing {len(sample)}")
+    else:
+        print(f"{len(every)} mutants in {','.join(scopes)} at {rev}; "
+              f"sample of {len(sample)} (draw {args.draw})")
     if args.list:
         for m in sample:
-            print(mutant_text(src, m))
+            print(mutant_text(src, m, texts[m[0]]))
+        return 0
+    if not sample:
         return 0
 
     build = os.path.join(args.workdir, "build")
-    # Programs that only load the library need no relinking when it changes.
-    flags = ["-DCMAKE_BUILD_TYPE=Debug", "-DKELA_BUILD_EXAMPLES=OFF",
-             "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON"]
-    if args.sanitize == "address":
-        flags.append("-DKELA_SANITIZE=ON")
-    else:
-        # LeakSanitizer alone costs nothing until exit: leaks still kill.
-        flags += ["-DKELA_SANITIZE=OFF", "-DCMAKE_CXX_FLAGS=-fsanitize=leak",
-                  "-DCMAKE_C_FLAGS=-fsanitize=leak", "-DCMAKE_EXE_LINKER_FLAGS=-fsanitize=leak",
-                  "-DCMAKE_SHARED_LINKER_FLAGS=-fsanitize=leak"]
-    cfg = sh(["cmake", "-S", src, "-B", build] + flags, ROOT)
-    if cfg.returncode != 0:
-        sys.exit(cfg.stderr)
-    t0 = time.monotonic()
-    base = sh(["cmake", "--build", build, "-j2"], ROOT)
-    if base.returncode != 0:
-        sys.exit(base.stdout[-3000:] + "\nthe unmutated tree does not build")
+    configure_and_build(src, build, build_flags(args.sanitize))
     commands = test_commands(build)
     if args.programs:
-        commands = [c for c in commands if re.search(args.programs, os.path.basename(c[0][0]))]
-    # The baseline must pass; its timings put the fastest programs first.
-    timed = []
-    for cmd, env in commands:
-        started = time.monotonic()
-        verdict, why = run_tests([(cmd, env)], build, args.timeout * 4)
-        if verdict != "survived":
-            sys.exit(f"the unmutated tree fails its tests ({why})")
-        timed.append((time.monotonic() - started, cmd, env))
-    commands = [(cmd, env) for _, cmd, env in sorted(timed, key=lambda t: t[0])]
-    print(f"baseline built and tested in {time.monotonic() - t0:.0f} s; "
-          f"{len(commands)} test programs")
+        commands = [c for c in commands if re.search(args.programs, program_name(c[0]))]
+    cov = None
+    if args.all_programs:
+        # The baseline must pass; its timings put the fastest programs first.
+        timed = []
+        for cmd, env in commands:
+            started = time.monotonic()
+            verdict, why = run_tests([(cmd, env)], build, args.timeout * 4)
+            if verdict != "survived":
+                sys.exit(f"the unmutated tree fails its tests ({why})")
+            timed.append(time.monotonic() - started)
+        print(f"baseline built and tested in {time.monotonic() - t0:.0f} s; "
+              f"{len(commands)} test programs")
+    else:
+        # The coverage build's run is the baseline: the same sources passed
+        # every program there, and its timings order the programs.
+        cov, made = coverage_map(args.workdir, src, args.rev, args.sanitize, args.timeout)
+        index = {name: i for i, (name, _) in enumerate(cov["programs"])}
+        timed = [cov["programs"][index[program_name(c)]][1] if program_name(c) in index else 0
+                 for c, _ in commands]
+        print(f"baseline built in {time.monotonic() - t0:.0f} s; coverage map of "
+              f"{len(cov['programs'])} test programs " + ("made" if made else "kept") +
+              f"; {len(commands)} test programs")
+    commands = [c for _, c in sorted(zip(timed, commands), key=lambda t: t[0])]
 
     counts = {"killed": 0, "survived": 0, "did not compile": 0}
     survivors = []
-    for i, (path, off, old, new, kind) in enumerate(sample, 1):
+    for i, mutant in enumerate(sample, 1):
+        path, off, old, new, kind = mutant
         file = os.path.join(src, path)
-        original = open(file).read()
+        original = texts[path]
         assert original[off:off + len(old)] == old, (path, off, old)
-        where = mutant_text(src, (path, off, old, new, kind), original)
+        where = mutant_text(src, mutant, original)
+        chosen = commands
+        if cov is not None:
+            users = programs_for(mutant, original, cov)
+            if users is not None:
+                chosen = [c for c in commands
+                          if index.get(program_name(c[0]), -1) in users
+                          or program_name(c[0]) not in index]
         try:
             with open(file, "w") as f:
                 f.write(original[:off] + new + original[off + len(old):])
             started = time.monotonic()
             if sh(["cmake", "--build", build, "-j2"], ROOT).returncode != 0:
                 verdict, why = "did not compile", ""
+            elif not chosen:
+                verdict, why = "survived", "no test reaches it"
             else:
-                verdict, why = run_tests(commands, build, args.timeout, args.each)
+                verdict, why = run_tests(chosen, build, args.timeout, args.each)
         finally:
             with open(file, "w") as f:
                 f.write(original)
         counts[verdict] += 1
         if verdict == "survived":
-            survivors.append(where)
+            survivors.append(where + (f"  ({why})" if why else ""))
         print(f"[{i}/{len(sample)}] {verdict:15} {time.monotonic() - started:5.0f} s  {where}"
-              + (f"  ({why})" if why else ""), flush=True)
+              + (f"  ({why})" if why else "") +
+              (f"  [{len(chosen)} of {len(commands)} programs]" if cov is not None else ""),
+              flush=True)
     # Leave the build matching the restored sources.
     sh(["cmake", "--build", build, "-j2"], ROOT)
 
     tested = counts["killed"] + counts["survived"]
     rate = 100.0 * counts["killed"] / tested if tested else 0.0
-    print(f"\ndraw {args.draw}, sample {len(sample)}: killed {counts['killed']}, "
+    what = f"lines changed by {rev}" if args.changed else f"draw {args.draw}"
+    print(f"\n{what}, sample {len(sample)}: killed {counts['killed']}, "
           f"survived {counts['survived']}, did not compile {counts['did not compile']}; "
-          f"kill rate {rate:.1f}% of the mutants that compiled")
+          f"kill rate {rate:.1f}% of the mutants that compiled; {time.monotonic() - t0:.0f} s")
     for s in survivors:
         print("survived:", s)
     return 0
