@@ -178,6 +178,8 @@ printf '{"routes": %s, "set": %s, "policy_cpu": %s, "policy_wall": %s, "policy_r
 
 python3 bench/report.py "$out/bench.json" "$out/side.jsonl" "$out/side_counts.jsonl" "$out/end_to_end.json" \
   docs/performance.md "$out" "$(cat "$build/peer/version")"
+# diff against one run over the same routes and policy: its own section.
+bench/diff_cost.sh ./"$build"/tools/kela-policy "$out/policy.kp" "$out/routes.txt" >>docs/performance.md
 gnuplot <<GP
 set terminal pngcairo size 800,500
 set output "docs/lookup.png"

@@ -25,13 +25,6 @@ std::string dir_of(const std::string &path) {
     return slash == std::string::npos ? "" : path.substr(0, slash == 0 ? 1 : slash);
 }
 
-Format input_format(const std::string &name) {
-    return name == "text"      ? Format::Text
-           : name == "json"    ? Format::Json
-           : name == "bgpdump" ? Format::Bgpdump
-                               : Format::Auto;
-}
-
 void add_to_rib(const Route &r) {
     kref_rib_add(rib_afi(r), r.table, r.destination.addr, r.destination.len, nullptr);
 }
@@ -124,6 +117,27 @@ int set_tracks(const Options &o, const Reporter &rep, const std::vector<const Po
     return 0;
 }
 
+int prepare_feed(const Options &o, const Reporter &rep, bool uses_rib, Format format, Counters &c,
+                 Feed &feed) {
+    feed.path = o.routes_file;
+    // The routing table comes from --rib, or else from the routes
+    // themselves: they are then read once and kept until every route has
+    // been evaluated.
+    feed.read_first = uses_rib && o.rib_file.empty();
+    feed.on_read = add_to_rib;
+    if (!uses_rib || o.rib_file.empty()) return 0;
+    if (o.rib_file == "-" && o.routes_file == "-")
+        return rep.error("--rib and the routes cannot both be standard input", kPolicyError);
+    return load_rib_file(o, rep, format, c);
+}
+
+Format input_format(const std::string &name) {
+    return name == "text"      ? Format::Text
+           : name == "json"    ? Format::Json
+           : name == "bgpdump" ? Format::Bgpdump
+                               : Format::Auto;
+}
+
 int write_failed(const Reporter &rep) {
     return rep.error(std::string("cannot write the output: ") + std::strerror(g_out.error()),
                      kIoError);
@@ -193,16 +207,10 @@ int run_routes(const Options &o, const Reporter &rep, Policy &policy,
     RouteInput input{input_format(o.input), o.strict, o.routes_file, &rep};
     std::vector<Counters> counters(std::max(1u, o.jobs), engine.counters());
 
-    // The routing table comes from --rib, or else from the routes
-    // themselves: they are then read once and kept until every route has
-    // been evaluated.
-    const bool rib_from_routes = policy.uses_rib && o.rib_file.empty();
-    if (policy.uses_rib && !o.rib_file.empty()) {
-        if (o.rib_file == "-" && o.routes_file == "-")
-            return rep.error("--rib and the routes cannot both be standard input", kPolicyError);
-        if (int st = load_rib_file(o, rep, input.format, counters[0]); st != 0) return st;
-    }
-    Feed feed{o.routes_file, eval_lines, rib_from_routes, add_to_rib};
+    Feed feed;
+    if (int st = prepare_feed(o, rep, policy.uses_rib, input.format, counters[0], feed); st != 0)
+        return st;
+    feed.lines = eval_lines;
 
     auto work = [&](Batch &b, unsigned w) {
         Counters &c = counters[w];
@@ -237,11 +245,6 @@ int run_routes(const Options &o, const Reporter &rep, Policy &policy,
 
     Counters total = engine.counters();
     for (const Counters &c : counters) total.merge(c);
-    if (total.multi_community != 0)
-        rep.emit("warning", "", 0, 0,
-                 std::to_string(total.multi_community) +
-                     " routes carried more than one standard community; 'community' tests the "
-                     "first of each");
     const std::string summary =
         o.json() ? dump(summary_json(engine, total)) + "\n" : summary_text(engine, total);
     // Routes written for the next program keep the summary off their way.

@@ -21,7 +21,6 @@ void Counters::merge(const Counters &o) {
     rejected += o.rejected;
     malformed += o.malformed;
     skipped += o.skipped;
-    multi_community += o.multi_community;
     default_hits += o.default_hits;
     auto add = [](auto &to, const auto &from) {
         to.resize(std::max(to.size(), from.size()));
@@ -62,6 +61,11 @@ class EntryFinder {
                                                                  e[2].c_str(), e[3].c_str(), &spec);
             specs_.push_back(st == 0 ? spec : nullptr);
             if (st != 0) continue;
+            // The library's longer-match stores the family's maximum as the
+            // upper bound on first use; storing it here keeps the entries
+            // read-only while the worker threads share them.
+            if (kind_ != SHARED_KELA_PREFIX_CMP_MATCH && spec->is_acl == 0)
+                spec->le = shared_kela_prefix_key_len(spec->family);
             if (acl)
                 acl_.push_back(static_cast<std::uint32_t>(i));
             else
@@ -82,7 +86,10 @@ class EntryFinder {
     // The index of the first matching entry, or -1.
     long find(Route &r) const {
         if (!prefixes_) {
-            char *text = kref_attr_print(kref_attr_find(attr_.c_str()), &r);
+            // (a community is the one in the value word, not the route's list)
+            char *text = attr_ == "community"
+                             ? strdup(community_text(r.words[kCommunityWord]).c_str())
+                             : kref_attr_print(kref_attr_find(attr_.c_str()), &r);
             if (text == nullptr) return -1;
             const auto hit = values_.find(normal(text));
             std::free(text);
@@ -174,6 +181,7 @@ Engine::Engine(const Policy &policy, const EngineOptions &options)
                 if (fresh) lists_.push_back(c.list.get());
                 ci.list = static_cast<long>(it->second);
             }
+            ci.each_community = c.attr == "community";
             info_.back().push_back(ci);
         }
     }
@@ -217,7 +225,6 @@ std::vector<std::string> snapshot(const std::vector<std::string> &names, Route &
 
 void Engine::evaluate(Route &r, std::uint64_t key, Counters &c, Outcome &out) const {
     ++c.routes;
-    if (r.communities > 1) ++c.multi_community;
     out.changes.clear();
     out.conditions.clear();
     out.rule = -1;
@@ -231,17 +238,19 @@ void Engine::evaluate(Route &r, std::uint64_t key, Counters &c, Outcome &out) co
         bool all = true;
         for (std::size_t ci = 0; ci < rule.conditions.size(); ++ci) {
             const Condition &cond = rule.conditions[ci];
-            int32_t got = 0;
-            const vogno st = kref_eval(cond.stmt, &r, &rec, &got);
-            const bool holds = st == 0 && got == 1;
             const ConditionInfo &info = info_[ri][ci];
+            vogno st = 0;
             long entry = -1;
-            if (info.finder != nullptr && holds) {
-                entry = info.finder->find(r);
-                if (entry >= 0 && counting)
-                    ++c.list_hits[static_cast<std::size_t>(info.list)]
-                                 [static_cast<std::size_t>(entry)];
-            }
+            auto test = [&] {
+                int32_t got = 0;
+                st = kref_eval(cond.stmt, &r, &rec, &got);
+                const bool yes = st == 0 && got == 1;
+                if (yes && info.finder != nullptr) entry = info.finder->find(r);
+                return yes;
+            };
+            const bool holds = info.each_community ? any_community(r, test) : test();
+            if (entry >= 0 && counting)
+                ++c.list_hits[static_cast<std::size_t>(info.list)][static_cast<std::size_t>(entry)];
             if (holds && opt_.coverage) ++c.condition_true[ri][ci];
             if (opt_.explain)
                 out.conditions.push_back({static_cast<std::uint32_t>(ri),
@@ -259,7 +268,10 @@ void Engine::evaluate(Route &r, std::uint64_t key, Counters &c, Outcome &out) co
         if (!rule.actions.empty()) {
             const std::vector<std::string> names = set_by(rule);
             const std::vector<std::string> before = snapshot(names, r);
-            for (const Action &a : rule.actions) kref_apply(a.stmt, &r);
+            for (const Action &a : rule.actions) {
+                kref_apply(a.stmt, &r);
+                after_set(r, a.attr);
+            }
             const std::vector<std::string> after = snapshot(names, r);
             for (std::size_t i = 0; i < names.size(); ++i)
                 if (before[i] != after[i]) out.changes.push_back({names[i], before[i], after[i]});

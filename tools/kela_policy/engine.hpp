@@ -43,7 +43,6 @@ struct Outcome {
 
 struct Counters {
     std::size_t routes = 0, accepted = 0, rejected = 0, malformed = 0, skipped = 0;
-    std::size_t multi_community = 0;  // routes with more standard communities than one
     std::vector<std::size_t> rule_hits;
     std::size_t default_hits = 0;
     std::vector<std::vector<std::uint64_t>> list_hits;       // per Engine::lists(), per entry
@@ -77,7 +76,8 @@ class Engine {
   private:
     struct ConditionInfo {
         const EntryFinder *finder = nullptr;
-        long list = -1;  // index into lists_
+        long list = -1;               // index into lists_
+        bool each_community = false;  // tested with each of the route's communities
     };
     const Policy &policy_;
     EngineOptions opt_;

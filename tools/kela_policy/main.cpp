@@ -25,17 +25,26 @@ int run_main(int argc, char **argv) {
     app.require_subcommand(1);
     app.footer(
         "Exit status: 0 success; 1 a file that cannot be read or output that cannot be written;\n"
-        "2 a policy that does not compile, or a usage error; 3 malformed route lines.\n"
+        "2 a policy that does not compile, or a usage error; 3 malformed route lines;\n"
+        "4 a check found something (diff: routes that differ).\n"
         "See kela-policy(1) and docs/policy-language.md.");
 
-    auto policy_options = [&](CLI::App *cmd) {
-        cmd->add_option("POLICY", o.policy_file, "the policy file")->required();
+    auto common_options = [&](CLI::App *cmd) {
         cmd->add_option("--at", o.location, "attach point the policy runs at")
             ->capture_default_str();
         cmd->add_option("--format", o.format, "output (and message) format")
             ->check(CLI::IsMember({"text", "json"}))
             ->capture_default_str();
         cmd->add_flag("--Werror", o.werror, "treat warnings as errors");
+    };
+    auto policy_options = [&](CLI::App *cmd) {
+        cmd->add_option("POLICY", o.policy_file, "the policy file")->required();
+        common_options(cmd);
+    };
+    auto jobs_option = [&](CLI::App *cmd) {
+        cmd->add_option("--jobs,-j", o.jobs, "evaluate on N threads")
+            ->check(CLI::Range(1u, 256u))
+            ->capture_default_str();
     };
     auto route_options = [&](CLI::App *cmd) {
         cmd->add_option("--input", o.input, "route format (auto: by each line's look)")
@@ -49,22 +58,31 @@ int run_main(int argc, char **argv) {
         cmd->add_option("--track-file", o.track_file, "lines 'NAME up|down'");
     };
 
+    auto stream_options = [&](CLI::App *cmd) {
+        cmd->add_option("ROUTES", o.routes_file, "route file, pipe or FIFO; '-' standard input")
+            ->capture_default_str();
+        route_options(cmd);
+        cmd->add_flag("--strict", o.strict, "stop at the first malformed route line");
+        cmd->add_flag("--quiet", o.quiet, "no progress indicator");
+        jobs_option(cmd);
+    };
+
     CLI::App *run = app.add_subcommand("run", "evaluate every route of ROUTES");
     policy_options(run);
-    run->add_option("ROUTES", o.routes_file, "route file, pipe or FIFO; '-' standard input")
-        ->capture_default_str();
-    route_options(run);
+    stream_options(run);
     run->add_flag("--explain", o.explain, "show every condition's outcome and matching entry");
-    run->add_flag("--strict", o.strict, "stop at the first malformed route line");
-    run->add_flag("--quiet", o.quiet, "no progress indicator");
     run->add_flag("--parse-only", o.parse_only, "read and parse the routes, evaluate nothing");
     run->add_flag("--set-hits", o.set_hits, "count the hits of every set entry");
     run->add_option("--output", o.output, "verdicts, or the accepted routes in their input format")
         ->check(CLI::IsMember({"verdicts", "routes"}))
         ->capture_default_str();
-    run->add_option("--jobs,-j", o.jobs, "evaluate on N threads")
-        ->check(CLI::Range(1u, 256u))
-        ->capture_default_str();
+
+    CLI::App *diff = app.add_subcommand(
+        "diff", "evaluate ROUTES under OLD and NEW and print the routes whose outcome differs");
+    diff->add_option("OLD", o.policy_file, "the policy as it was")->required();
+    diff->add_option("NEW", o.new_policy_file, "the policy as changed")->required();
+    common_options(diff);
+    stream_options(diff);
 
     CLI::App *check = app.add_subcommand("check", "compile POLICY only");
     policy_options(check);
@@ -95,6 +113,7 @@ int run_main(int argc, char **argv) {
     if (*check) return cmd_check(o, rep);
     if (*show) return cmd_show(o, rep);
     if (*eval) return cmd_eval(o, rep);
+    if (*diff) return cmd_diff(o, rep);
     return cmd_run(o, rep);
 }
 

@@ -127,16 +127,34 @@ vogno parse_flags(const char *text, void *, uint64_t *mask) {
     return 0;
 }
 
+std::string community_text(std::uint32_t value) {
+    return std::to_string(value >> 16) + ":" + std::to_string(value & 0xFFFF);
+}
+
+void add_community(Route &r, std::uint32_t value) {
+    if (r.communities.empty()) {
+        r.words[kCommunityWord] = value;
+        r.words[kCommunityMaskWord] |= kCommunityPresent;
+    }
+    r.communities.push_back(value);
+}
+
+void after_set(Route &r, const std::string &attr) {
+    if (attr == "community") r.communities.assign(1, r.words[kCommunityWord]);
+}
+
 namespace {
 
+// Every standard community of the route, joined by commas.
 char *print_community(void *, void *route, void *) {
     if (route == nullptr) return strdup("<<no route>>");
     const Route *r = static_cast<Route *>(route);
-    const uint32_t v = r->words[kCommunityWord];
     if ((r->words[kCommunityMaskWord] & kCommunityPresent) == 0) return strdup("none");
-    return strdup((std::to_string(v >> 16) + ":" + std::to_string(v & 0xFFFF)).c_str());
+    if (r->communities.empty()) return strdup(community_text(r->words[kCommunityWord]).c_str());
+    std::string out;
+    for (std::uint32_t v : r->communities) out += (out.empty() ? "" : ",") + community_text(v);
+    return strdup(out.c_str());
 }
-
 char *print_flags(void *, uint64_t *flags, shared_kela_flag64_desc_td *) {
     if (flags == nullptr) return strdup("<<no route>>");
     std::string out;
@@ -185,7 +203,9 @@ static_assert(kBgpElement == 8);
 
 }  // namespace
 
-vogno register_attributes(std::string &error) {
+namespace {
+
+vogno register_all(std::string &error) {
     char buf[256] = "";
     const char *const *L = kLocations;
     struct Step {
@@ -262,6 +282,16 @@ vogno register_attributes(std::string &error) {
         }
     }
     return 0;
+}
+
+}  // namespace
+
+// Once per process: the framework refuses a second attribute of a name.
+vogno register_attributes(std::string &error) {
+    static std::string first_error;
+    static const vogno status = register_all(first_error);
+    error = first_error;
+    return status;
 }
 
 const std::vector<std::string> &settable_attributes() {

@@ -15,11 +15,16 @@
 //        24  flags                       64-bit flags
 //        32  bgp[kLocalPref..kPeerAs]    32-bit elements 8-11
 //   then the values reached through callbacks (destination, next hop, MAC
-//   address, routing table).
+//   address, routing table), and the route's lists of communities.
+//
+// The library's community attribute holds one value: the value word holds
+// the first of the route's standard communities, and a condition on it is
+// tested with each of them in turn (any_community).
 #pragma once
 
 #include <sys/socket.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -61,9 +66,40 @@ struct Route {
     Prefix nexthop;
     bool has_mac = false;
     std::uint8_t mac[6] = {};
-    std::uint32_t table = 0;        // routing table the rib-has-route questions go to
-    std::uint32_t communities = 0;  // standard communities the input carried
+    std::uint32_t table = 0;  // routing table the rib-has-route questions go to
+    // Every standard community (AS << 16 | N) in input order, the
+    // well-known ones that are flags left out; and the large communities
+    // (A:B:C), carried through.
+    std::vector<std::uint32_t> communities;
+    std::vector<std::array<std::uint32_t, 3>> large;
 };
+
+// Adds a standard community to the route.
+void add_community(Route &r, std::uint32_t value);
+// "AS:N".
+std::string community_text(std::uint32_t value);
+
+// A condition on the community attribute holds when any of the route's
+// standard communities satisfies it, as route maps treat community lists:
+// `test` runs with each community in the value word in turn until it
+// holds (once, as the library sees it, for a route with one or none).  The
+// value word holds the first community again afterwards.
+template <class Test>
+bool any_community(Route &r, Test &&test) {
+    if (r.communities.size() <= 1) return test();
+    bool holds = false;
+    for (std::size_t i = 0; i < r.communities.size() && !holds; ++i) {
+        r.words[kCommunityWord] = r.communities[i];
+        holds = test();
+    }
+    r.words[kCommunityWord] = r.communities.front();
+    return holds;
+}
+
+// After a setter of `attr` ran: `set community X` replaces the route's
+// standard communities with X (the well-known ones are flags and stay, as
+// do the large ones).
+void after_set(Route &r, const std::string &attr);
 
 // The flags attribute's bits.
 enum Flag : std::uint64_t {

@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cerrno>
 #include <cstddef>
@@ -39,7 +40,8 @@ enum Field {
     kFieldTable,
     kFieldLocalPref,
     kFieldAsPath,
-    kFieldPeerAs
+    kFieldPeerAs,
+    kFieldLargeCommunity
 };
 constexpr struct {
     const char *name, *alias, *attr;
@@ -56,7 +58,8 @@ constexpr struct {
                {"table", nullptr, nullptr},
                {"local-pref", "lpref", "local-pref"},
                {"as-path", nullptr, nullptr},
-               {"peer-as", nullptr, "peer-as"}};
+               {"peer-as", nullptr, "peer-as"},
+               {"large-community", nullptr, nullptr}};
 
 }  // namespace
 
@@ -185,6 +188,39 @@ bool parse_as_path(std::string_view text, std::uint32_t &length, std::uint32_t &
     return true;
 }
 
+// Communities separated by commas or blanks, standard (AS:N) or large
+// (A:B:C), added to the route's lists.
+bool parse_communities(std::string_view text, Route &r, bool large = false) {
+    std::size_t at = 0;
+    bool any = false;
+    while (at < text.size()) {
+        const std::size_t end = std::min(text.find_first_of(", ", at), text.size());
+        const std::string one(text.substr(at, end - at));
+        at = end + 1;
+        if (one.empty()) continue;
+        any = true;
+        if (!large) {
+            uint32_t v = 0;
+            if (parse_community(one.c_str(), nullptr, 1, &v) != 0) return false;
+            add_community(r, v);
+            continue;
+        }
+        std::array<std::uint32_t, 3> v{};
+        std::size_t from = 0;
+        for (std::size_t k = 0; k < 3; ++k) {
+            const std::size_t colon = k < 2 ? one.find(':', from) : one.size();
+            uint64_t n = 0;
+            if (colon == std::string::npos ||
+                !parse_number(one.substr(from, colon - from), 0xFFFFFFFFu, n))
+                return false;
+            v[k] = static_cast<std::uint32_t>(n);
+            from = colon + 1;
+        }
+        r.large.push_back(v);
+    }
+    return any;
+}
+
 // Applies one field to the route; an error text when the value is not one.
 std::string set_field(Route &r, unsigned &seen, std::string_view key, const std::string &value) {
     const int field = fields::of(key);
@@ -219,15 +255,13 @@ std::string set_field(Route &r, unsigned &seen, std::string_view key, const std:
             r.words[kOriginWord] = v;
             break;
         }
-        case kFieldCommunity: {
-            uint32_t v = 0;
-            if (parse_community(value.c_str(), nullptr, 1, &v) != 0)
-                return "bad community " + quote(value) + " (AS:N)";
-            r.words[kCommunityWord] = v;
-            r.words[kCommunityMaskWord] |= kCommunityPresent;
-            r.communities = 1;
+        case kFieldCommunity:
+            if (!parse_communities(value, r)) return "bad community " + quote(value) + " (AS:N)";
             break;
-        }
+        case kFieldLargeCommunity:
+            if (!parse_communities(value, r, true))
+                return "bad large community " + quote(value) + " (A:B:C)";
+            break;
         case kFieldFlags: {
             uint64_t m = 0;
             if (parse_flags(value.c_str(), nullptr, &m) != 0) return "bad flags " + quote(value);
@@ -429,9 +463,8 @@ bool parse_route_bgpdump(std::string_view line, Route &r, RouteError &err, bool 
     for (char &c : origin) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     if (std::string e = set_field(r, seen, "origin", origin); !e.empty())
         return fail(kBarOrigin, e);
-    // Communities: the well-known ones are flags, the first other standard
-    // one is the community attribute (it holds one value); large
-    // communities have no attribute.
+    // Communities: the well-known ones are flags, the others standard
+    // (AS:N) or large (A:B:C) communities of the route.
     std::string_view comms = f[kBarCommunities];
     std::size_t at = 0;
     while (at < comms.size()) {
@@ -441,18 +474,13 @@ bool parse_route_bgpdump(std::string_view line, Route &r, RouteError &err, bool 
         at = end + 1;
         if (c.empty()) continue;
         bool known = false;
-        for (const auto &w : fields::kWellKnown)
+        for (const auto &w : kWellKnown)
             if (c == w.text) {
                 r.flags |= w.flag;
                 known = true;
             }
-        if (known || std::count(c.begin(), c.end(), ':') != 1) continue;
-        uint32_t v = 0;
-        if (parse_community(std::string(c).c_str(), nullptr, 1, &v) != 0) continue;
-        if (r.communities++ == 0) {
-            r.words[kCommunityWord] = v;
-            r.words[kCommunityMaskWord] |= kCommunityPresent;
-        }
+        // (what is neither, bgpdump's name of another well-known one, is left)
+        if (!known) parse_communities(c, r, std::count(c.begin(), c.end(), ':') == 2);
     }
     return finish(r, err);
 }

@@ -3,8 +3,10 @@
 // back in its own form with the attributes a policy changed.
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <iterator>
 #include <nlohmann/json.hpp>
 
 #include "route_io.hpp"
@@ -88,13 +90,37 @@ void changed_bgpdump(std::string &out, std::string_view line, const std::vector<
             for (char &ch : f[fields::kBarOrigin])
                 ch = static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
         } else if (c.attr == "community") {
-            // The attribute held the first standard community.
-            std::string &comms = f[fields::kBarCommunities];
-            const std::size_t hit = c.before == "none" ? std::string::npos : comms.find(c.before);
-            if (hit != std::string::npos)
-                comms.replace(hit, c.before.size(), c.after);
-            else
-                comms += (comms.empty() ? "" : " ") + c.after;
+            // The route's standard communities become the new ones, where
+            // the first of them stood; well-known and large ones stay.
+            std::string kept, &comms = f[fields::kBarCommunities];
+            bool placed = false;
+            auto put = [&](std::string_view word) {
+                kept += (kept.empty() ? "" : " ") + std::string(word);
+            };
+            auto place = [&] {
+                std::string list = c.after;
+                std::replace(list.begin(), list.end(), ',', ' ');
+                put(list);
+                placed = true;
+            };
+            std::size_t at = 0;
+            while (at < comms.size()) {
+                const std::size_t end = std::min(comms.find(' ', at), comms.size());
+                const std::string_view word = std::string_view(comms).substr(at, end - at);
+                at = end + 1;
+                if (word.empty()) continue;
+                const bool standard =
+                    std::count(word.begin(), word.end(), ':') == 1 &&
+                    parse_community(std::string(word).c_str(), nullptr, 1, nullptr) == 0 &&
+                    std::none_of(std::begin(fields::kWellKnown), std::end(fields::kWellKnown),
+                                 [&](const auto &w) { return word == w.text; });
+                if (!standard)
+                    put(word);
+                else if (!placed)
+                    place();
+            }
+            if (!placed) place();
+            comms = kept;
         } else if (c.attr == "flags") {
             std::uint64_t before = 0, after = 0;
             parse_flags(c.before.c_str(), nullptr, &before);

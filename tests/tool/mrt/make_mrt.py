@@ -78,7 +78,7 @@ NO_EXPORT, BLACKHOLE = (65535, 65281), (65535, 666)
 records = [
     peer_index(),
     rib(RIB_IPV4_UNICAST, 0, "10.1.0.0/16", [
-        (0, attributes(IGP, as_path(("seq", [65001, 65002])), "192.0.2.1", 20, 200, [(65000, 100), NO_EXPORT])),
+        (0, attributes(IGP, as_path(("seq", [65001, 65002])), "192.0.2.1", 20, 200, [(65000, 100), (65000, 101), NO_EXPORT])),
         (1, attributes(EGP, as_path(("seq", [65010, 65020, 65002])), "192.0.2.2", 5, 100)),
     ]),
     rib(RIB_IPV4_UNICAST, 1, "10.2.0.0/16", [
@@ -91,7 +91,7 @@ records = [
         (0, attributes(IGP, as_path(("seq", [65001, 65002, 65003, 65004])), "192.0.2.1", 0, 50)),
     ]),
     rib(RIB_IPV6_UNICAST, 4, "2001:db8:1::/48", [
-        (2, attributes(IGP, as_path(("seq", [65001, 65005])), None, 10, 150, [(65000, 1), (65000, 2)], "2001:db8::1")),
+        (2, attributes(IGP, as_path(("seq", [65001, 65005])), None, 10, 150, [(65000, 9), (65000, 2)], "2001:db8::1")),
     ]),
 ]
 with open(sys.argv[1], "wb") as f:
