@@ -58,8 +58,9 @@ import time
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 SCOPES = {"lib": ["lib/src"], "platform": ["platform/src"], "tools": ["tools/kela_policy"]}
 SOURCE = re.compile(r"\.(cpp|hpp|h)$")
-# Tests that take minutes or check the build rather than the behaviour.
-SLOW = re.compile(r"install|tidy|tsan|valgrind|package|lintian|exports|alloc_sites")
+# Tests that take minutes or check the build rather than the behaviour (a
+# mutant is not formatted).
+SLOW = re.compile(r"install|tidy|tsan|valgrind|package|lintian|exports|alloc_sites|format")
 
 
 # ---- mutant generation -----------------------------------------------------------------
@@ -276,7 +277,9 @@ def test_commands(build):
 
 def build_flags(sanitize, coverage=False):
     # Programs that only load the library need no relinking when it changes.
-    flags = ["-DCMAKE_BUILD_TYPE=Debug", "-DKELA_BUILD_EXAMPLES=OFF",
+    # Warnings are errors, as in the developer presets: a mutant that only
+    # leaves a variable unused does not compile.
+    flags = ["-DCMAKE_BUILD_TYPE=Debug", "-DKELA_BUILD_EXAMPLES=OFF", "-DKELA_WERROR=ON",
              "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON"]
     extra = " --coverage" if coverage else ""
     if sanitize == "address":
