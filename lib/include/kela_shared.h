@@ -23,6 +23,40 @@
  *    one initialises the one process-wide request tree head
  *    (kela_eecompi_rhr_info_list) and copies it into its context, so two at
  *    once may leave an instance with another's tree.
+ *  - Null pointers are answered, not dereferenced, except where noted below.
+ *    By role (ERR_ stands for KEL_SHARED_ERR_):
+ *      verifiers       a null message pointer is accepted (no message); a
+ *                      null vector is ERR_NULL_INPUT (prefix "assign":
+ *                      ERR_NULL_PARAM; the enumeration, bit-masked and IPv4
+ *                      retrievers: ERR_VARIABLE); a null descriptor is
+ *                      ERR_NULL_RESULT (32-bit "matches-any", MAC) or
+ *                      ERR_NO_PARAM_ARRAY (enumeration, bit-masked, flag64,
+ *                      IPv4), not read by the others
+ *      constructors    a null instance pointer is ERR_NULL_RESULT and
+ *                      nothing is built
+ *      base print      a text naming what is missing; null when the
+ *                      bit-masked or flag64 descriptor or its print
+ *                      callback is
+ *      base compare    a null route ERR_NULL_INPUT; a null descriptor or
+ *                      outcome pointer ERR_NULL_INPUT (integers,
+ *                      enumeration, bit-masked; a prefix descriptor) or
+ *                      ERR_NULL_RESULT (IPv4, MAC, a prefix outcome); a
+ *                      MAC descriptor without get_value ERR_NULL_RESULT
+ *      cmp_get_val     any null ERR_NULL_RESULT
+ *      free functions  a null context is accepted (0)
+ *      converters      a null text is ERR_NULL_PARAM for numbers, names and
+ *                      MAC texts, ERR_NULL_INPUT for addresses and prefixes,
+ *                      ERR_BAD_VALUE for the match-entry converters; a null
+ *                      enumeration descriptor ERR_NO_PARAM_ARRAY; outputs
+ *                      marked "may be null" are optional, other null
+ *                      outputs are ERR_NULL_INPUT (address and prefix
+ *                      parts) or ERR_NULL_RESULT (match entries, merged
+ *                      locations)
+ *    Not to be called with null: the bytes of shared_kela_ip_check_prefix
+ *    and of the MAC converters, the MAC converter's output, the arguments
+ *    of shared_kela_rhr_match, the query of shared_kela_decode_pfxs (the
+ *    process stops), and the segment list of every kel_shared_sl_ function
+ *    but create (null vector: null), reset, segment_reset (-1) and destroy.
  *
  * This header is valid C11 and C++.
  */

@@ -387,6 +387,9 @@ vogno shared_kela_rhr_cmp_async_veri(uint32_t count, char **params, void *, char
 vogno shared_kela_rhr_cmp_async_cons(uint32_t count, char **params, void **slots, void *desc,
                                      rasf_inst_t **out) {
     if (vogno st = cons_checks(count, slots, desc); st != 0) return st;
+    // The instance is built in a local (the request tree comes after it):
+    // without a place to hand it over it would be lost.
+    if (out == nullptr) return KEL_SHARED_ERR_NULL_RESULT;
     kela::CPtr<AsyncCtx> ctx;
     if (count != 0) {
         ctx = kela::zalloc<AsyncCtx>();

@@ -49,7 +49,6 @@ import argparse
 import hashlib
 import json
 import os
-import random
 import re
 import shutil
 import subprocess
@@ -59,8 +58,9 @@ import time
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 SCOPES = {"lib": ["lib/src"], "platform": ["platform/src"], "tools": ["tools/kela_policy"]}
 SOURCE = re.compile(r"\.(cpp|hpp|h)$")
-# Tests that take minutes or check the build rather than the behaviour.
-SLOW = re.compile(r"install|tidy|tsan|valgrind|package|lintian|exports|alloc_sites")
+# Tests that take minutes or check the build rather than the behaviour (a
+# mutant is not formatted).
+SLOW = re.compile(r"install|tidy|tsan|valgrind|package|lintian|exports|alloc_sites|format")
 
 
 # ---- mutant generation -----------------------------------------------------------------
@@ -195,6 +195,23 @@ def line_of(text, offset):
     return text.count("\n", 0, offset) + 1
 
 
+def draw_sample(every, texts, draw, count):
+    """The draw's sample: the count mutants that rank first by a hash of the
+    draw number and of what each mutant is (its file, kind, change, the text
+    of its line and its rank among equal ones), in file order.  An edit
+    elsewhere leaves a mutant's rank alone: before and after a change, a
+    draw holds the same mutants wherever their lines did not change."""
+    seen, keyed = {}, []
+    for i, (path, off, old, new, kind) in enumerate(every):
+        text = texts[path]
+        line = text[text.rfind("\n", 0, off) + 1:text.find("\n", off + len(old))].strip()
+        key = (path, kind, old, new, line)
+        seen[key] = seen.get(key, 0) + 1
+        digest = hashlib.sha1(repr((draw, key, seen[key])).encode()).hexdigest()
+        keyed.append((digest, i))
+    return [every[i] for _, i in sorted(sorted(keyed)[:count], key=lambda k: k[1])]
+
+
 # ---- building and testing ----------------------------------------------------------------
 
 def sh(cmd, cwd, timeout=None):
@@ -260,7 +277,9 @@ def test_commands(build):
 
 def build_flags(sanitize, coverage=False):
     # Programs that only load the library need no relinking when it changes.
-    flags = ["-DCMAKE_BUILD_TYPE=Debug", "-DKELA_BUILD_EXAMPLES=OFF",
+    # Warnings are errors, as in the developer presets: a mutant that only
+    # leaves a variable unused does not compile.
+    flags = ["-DCMAKE_BUILD_TYPE=Debug", "-DKELA_BUILD_EXAMPLES=OFF", "-DKELA_WERROR=ON",
              "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON"]
     extra = " --coverage" if coverage else ""
     if sanitize == "address":
@@ -289,9 +308,10 @@ def configure_and_build(src, build, flags):
 
 def coverage_key(rev, sanitize):
     """What a coverage map depends on: every file of the revision but its
-    documentation, and the sanitizer."""
+    documentation and this script, and the sanitizer."""
     listing = sh(["git", "ls-tree", "-r", rev], ROOT).stdout.splitlines()
-    kept = [line for line in listing if not re.search(r"\t(docs/.*|.*\.md)$", line)]
+    kept = [line for line in listing
+            if not re.search(r"\t(docs/.*|.*\.md|tests/mutation/.*)$", line)]
     return hashlib.sha1("\n".join(kept + [sanitize]).encode()).hexdigest()
 
 
@@ -412,7 +432,7 @@ def mutant_text(src, mutant, text=None):
 def main():
     ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     ap.add_argument("--draw", type=int, default=1,
-                    help="which fixed random sample to take (same number, same sample)")
+                    help="which fixed sample to take (same number, same sample)")
     ap.add_argument("--count", type=int,
                     help="sample size (default 150; with --changed every mutant of the lines)")
     ap.add_argument("--scope", help="comma-separated: lib, platform, tools (default lib; "
@@ -454,9 +474,8 @@ def main():
         count = len(every) if args.count is None else args.count
     else:
         count = 150 if args.count is None else args.count
-    sample = random.Random(args.draw).sample(every, min(count, len(every)))
-    if args.changed and args.count is None:
-        sample = every  # in file order
+    sample = every if args.changed and args.count is None else draw_sample(
+        every, texts, args.draw, count)
     if args.pick:
         wanted = open(args.pick).read()
         sample = [m for m in sample if mutant_text(src, m, texts[m[0]]) in wanted]
