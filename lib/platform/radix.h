@@ -27,10 +27,8 @@ extern "C" {
 struct radix_node {
     void *rn_link[2];      /* the entry's own node: its two subtrees */
     void *rn_glue_link[2]; /* a branching node the entry lends the tree */
-    void *rn_up;           /* the nearest shorter entry covering this one */
-    uint8_t rn_glue_bit;   /* the bit that branching node tests */
-    uint8_t rn_flags;
-    uint8_t rn_reserved[6];
+    uintptr_t rn_up;       /* the nearest shorter entry covering this one, and
+                              the bit that branching node tests */
 };
 
 struct radix_head;
@@ -44,7 +42,8 @@ struct radix_head *rn_tree_init(size_t key_offset, size_t keylen_offset,
 
 /* Adds `entry` (which begins with a struct radix_node).  Returns 0 when
  * added, non-zero when refused: an entry with the same key and length is
- * already in the tree, or the length is above 128. */
+ * already in the tree, the length is above 128, or the entry lies at an
+ * address of 2^56 or above. */
 int rn_insert(struct radix_head *head, void *entry);
 
 /* The entry whose length equals `len` and whose key equals the first `len`

@@ -11,10 +11,19 @@ namespace kela {
 
 vogno cvt_decimal(const char *text, int strict, std::uint32_t *out) {
     if (text == nullptr) return KEL_SHARED_ERR_NULL_PARAM;
-    char *end = nullptr;
-    // strtoul: blanks and a sign accepted, "-1" wraps, overflow saturates;
-    // only the low 32 bits are kept.
-    unsigned long v = std::strtoul(text, &end, 10);
+    // The common text, up to nine digits alone or before other text, is read
+    // here (a prefix set's build reads three of them per entry); anything
+    // else goes to strtoul, whose result this equals on such texts.
+    const char *end = text;
+    unsigned long v = 0;
+    while (end - text < 9 && *end >= '0' && *end <= '9') v = v * 10 + (*end++ - '0');
+    if (end == text || (*end >= '0' && *end <= '9')) {
+        // strtoul: blanks and a sign accepted, "-1" wraps, overflow
+        // saturates; only the low 32 bits are kept.
+        char *rest = nullptr;
+        v = std::strtoul(text, &rest, 10);
+        end = rest;
+    }
     if (strict != 0 && *end != '\0') return KEL_SHARED_ERR_BAD_VALUE;
     if (out != nullptr) *out = static_cast<std::uint32_t>(v);
     return 0;
