@@ -255,6 +255,38 @@ json|4|diff.json|diff --quiet --format json --track uplink1=up examples/policy.k
 same policy|0|diff-none.out|diff --quiet --track uplink1=up examples/policy.kp examples/policy.kp examples/routes.txt
 CASES
   ;;
+cases)
+  # test POLICY CASES: the bundled cases pass; failing cases are reported
+  # (text, JSON, JUnit XML) with exit 4; a case file that does not read is
+  # refused with its file:line:column and exit 2, and writes no JUnit file.
+  cd "$src" || exit 1
+  t() { "$tool" test --track uplink1=up examples/policy.kp "$@"; }
+  while IFS='|' read -r name want golden cmd; do
+    eval "$cmd" >"$work/out" 2>"$work/err"
+    rc=$?
+    if [ $rc -eq "$want" ] && diff -u "$here/golden/$golden" "$work/out"; then ok; else bad "$name: exit $rc: $(head -3 "$work/err")"; fi
+  done <<'CASES'
+bundled cases|0|test-pass.out|t examples/policy.tests
+failing cases|4|test-fail.out|(cd tests/tool && "$tool" test --track uplink1=up ../../examples/policy.kp cases/failing.tests)
+JSON|4|test-fail.json|(cd tests/tool && "$tool" test --format json --track uplink1=up ../../examples/policy.kp cases/failing.tests)
+JUnit|4|test-fail.xml|(cd tests/tool && "$tool" test --junit "$work/junit.xml" --track uplink1=up ../../examples/policy.kp cases/failing.tests >/dev/null; rc=$?; cat "$work/junit.xml"; exit $rc)
+CASES
+  python3 -c 'import sys, xml.dom.minidom; xml.dom.minidom.parse(sys.argv[1])' "$work/junit.xml" && ok || bad "the JUnit file is not XML"
+  while IFS=';' read -r name line want; do
+    printf '%b\n' "$line" >"$work/bad.tests"
+    rm -f "$work/bad.xml"
+    t --junit "$work/bad.xml" "$work/bad.tests" >/dev/null 2>"$work/err"
+    rc=$?
+    if [ $rc -eq 2 ] && grep -qF "bad.tests:$want" "$work/err" && [ ! -e "$work/bad.xml" ]; then ok; else bad "$name: exit $rc: $(cat "$work/err")"; fi
+  done <<'CASES'
+no arrow;10.0.0.0/8 accept;1:1: error: expected 'ROUTE => accept|reject
+no verdict;# a comment\n10.0.0.0/8 => acept;2:15: error: expected accept or reject after '=>'
+unknown rule;10.0.0.0/8 => accept customers;1:22: error: the policy has no rule 'customers'
+unknown attribute;10.0.0.0/8 => accept bogons colour=red;1:29: error: unknown attribute 'colour'
+malformed route;dest=10.0.0.0/8 metric=x => reject;1:17: error: bad metric 'x'
+no route;TABLE_DUMP2|1|W|192.0.2.1|65001|10.0.0.0/8 => reject;1:1: error: not a route
+CASES
+  ;;
 *) echo "unknown group $group"; exit 2 ;;
 esac
 echo "$group: $pass passed, $fail failed"

@@ -26,7 +26,7 @@ int run_main(int argc, char **argv) {
     app.footer(
         "Exit status: 0 success; 1 a file that cannot be read or output that cannot be written;\n"
         "2 a policy that does not compile, or a usage error; 3 malformed route lines;\n"
-        "4 a check found something (diff: routes that differ).\n"
+        "4 a check found something (diff: routes that differ; test: failing cases).\n"
         "See kela-policy(1) and docs/policy-language.md.");
 
     auto common_options = [&](CLI::App *cmd) {
@@ -84,6 +84,15 @@ int run_main(int argc, char **argv) {
     common_options(diff);
     stream_options(diff);
 
+    CLI::App *test = app.add_subcommand(
+        "test", "check that POLICY gives the routes of CASES the outcomes they expect");
+    policy_options(test);
+    test->add_option("CASES", o.routes,
+                     "case files: 'ROUTE => accept|reject [RULE] [ATTR=VALUE...]'")
+        ->required();
+    route_options(test);
+    test->add_option("--junit", o.junit_file, "also write the results as JUnit XML to FILE");
+
     CLI::App *check = app.add_subcommand("check", "compile POLICY only");
     policy_options(check);
 
@@ -114,6 +123,7 @@ int run_main(int argc, char **argv) {
     if (*show) return cmd_show(o, rep);
     if (*eval) return cmd_eval(o, rep);
     if (*diff) return cmd_diff(o, rep);
+    if (*test) return cmd_test(o, rep);
     return cmd_run(o, rep);
 }
 
