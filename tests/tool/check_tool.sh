@@ -13,6 +13,15 @@ trap 'rm -rf "$work"' EXIT
 pass=0 fail=0
 ok() { pass=$((pass + 1)); }
 bad() { fail=$((fail + 1)); echo "FAILED: $*"; }
+# Rows "name|exit status|golden file|command": each command (run by eval,
+# "$tool" in front) exits with the status and prints the golden file.
+golden_rows() {
+  while IFS='|' read -r name want golden cmd; do
+    eval "\"\$tool\" $cmd" >"$work/out" 2>"$work/err"
+    rc=$?
+    if [ $rc -eq "$want" ] && diff -u "$here/golden/$golden" "$work/out"; then ok; else bad "$name: exit $rc: $(head -3 "$work/err")"; fi
+  done
+}
 
 case $group in
 golden)
@@ -198,7 +207,7 @@ for i in range(30000):
         r.choice([10, 172, 198, 203]), a, b, r.choice([5, 10, 15, 42, 100, 4000]), r.randrange(200),
         r.randrange(60), r.choice(["igp", "egp"]), r.randrange(4)))
 ' >"$work/routes.txt"
-  for opts in "" "--format json --explain" "--output routes" "--set-hits"; do
+  for opts in "" "--format json --explain" "--output routes" "--set-hits --coverage"; do
     # shellcheck disable=SC2086
     "$tool" run --quiet --track uplink1=up $opts --jobs 1 examples/policy.kp "$work/routes.txt" >"$work/one" 2>&1
     # shellcheck disable=SC2086
@@ -244,11 +253,7 @@ diff)
   cd "$src" || exit 1
   sed -e 's/if metric le 100/if metric le 50/' -e 's/set metric 1$/set metric 2/' \
     -e '/^rule bogons/,/^  reject/s/reject/accept/' examples/policy.kp >"$work/new.kp"
-  while IFS='|' read -r name want golden cmd; do
-    eval "\"\$tool\" $cmd" >"$work/out" 2>"$work/err"
-    rc=$?
-    if [ $rc -eq "$want" ] && diff -u "$here/golden/$golden" "$work/out"; then ok; else bad "$name: exit $rc: $(head -3 "$work/err")"; fi
-  done <<'CASES'
+  golden_rows <<'CASES'
 text|4|diff.out|diff --quiet --track uplink1=up examples/policy.kp "$work/new.kp" examples/routes.txt
 pipe|4|diff.out|diff --quiet --track uplink1=up examples/policy.kp "$work/new.kp" - <examples/routes.txt
 json|4|diff.json|diff --quiet --format json --track uplink1=up examples/policy.kp "$work/new.kp" examples/routes.txt
@@ -259,17 +264,15 @@ cases)
   # test POLICY CASES: the bundled cases pass; failing cases are reported
   # (text, JSON, JUnit XML) with exit 4; a case file that does not read is
   # refused with its file:line:column and exit 2, and writes no JUnit file.
-  cd "$src" || exit 1
+  cd "$work" || exit 1
+  ln -s "$src/examples" examples && ln -s "$here/cases" cases
   t() { "$tool" test --track uplink1=up examples/policy.kp "$@"; }
-  while IFS='|' read -r name want golden cmd; do
-    eval "$cmd" >"$work/out" 2>"$work/err"
-    rc=$?
-    if [ $rc -eq "$want" ] && diff -u "$here/golden/$golden" "$work/out"; then ok; else bad "$name: exit $rc: $(head -3 "$work/err")"; fi
-  done <<'CASES'
-bundled cases|0|test-pass.out|t examples/policy.tests
-failing cases|4|test-fail.out|(cd tests/tool && "$tool" test --track uplink1=up ../../examples/policy.kp cases/failing.tests)
-JSON|4|test-fail.json|(cd tests/tool && "$tool" test --format json --track uplink1=up ../../examples/policy.kp cases/failing.tests)
-JUnit|4|test-fail.xml|(cd tests/tool && "$tool" test --junit "$work/junit.xml" --track uplink1=up ../../examples/policy.kp cases/failing.tests >/dev/null; rc=$?; cat "$work/junit.xml"; exit $rc)
+  # (the case file named as the report shows it: cases/failing.tests)
+  golden_rows <<'CASES'
+bundled cases|0|test-pass.out|test --track uplink1=up examples/policy.kp examples/policy.tests
+failing cases|4|test-fail.out|test --track uplink1=up examples/policy.kp cases/failing.tests
+JSON|4|test-fail.json|test --format json --track uplink1=up examples/policy.kp cases/failing.tests
+JUnit|4|test-fail.xml|test --junit "$work/junit.xml" --track uplink1=up examples/policy.kp cases/failing.tests >/dev/null; rc=$?; cat "$work/junit.xml"; (exit $rc)
 CASES
   python3 -c 'import sys, xml.dom.minidom; xml.dom.minidom.parse(sys.argv[1])' "$work/junit.xml" && ok || bad "the JUnit file is not XML"
   while IFS=';' read -r name line want; do
@@ -285,6 +288,17 @@ unknown rule;10.0.0.0/8 => accept customers;1:22: error: the policy has no rule 
 unknown attribute;10.0.0.0/8 => accept bogons colour=red;1:29: error: unknown attribute 'colour'
 malformed route;dest=10.0.0.0/8 metric=x => reject;1:17: error: bad metric 'x'
 no route;TABLE_DUMP2|1|W|192.0.2.1|65001|10.0.0.0/8 => reject;1:1: error: not a route
+CASES
+  ;;
+coverage)
+  # run --coverage: the rules, conditions and set entries the routes never
+  # used; --fail-unused makes an unused rule exit 4.
+  cd "$src" || exit 1
+  head -12 examples/routes.txt >"$work/some.txt"
+  golden_rows <<'CASES'
+text|4|coverage.out|run --quiet --fail-unused --track uplink1=up examples/policy.kp "$work/some.txt"
+JSON|0|coverage.json|run --quiet --coverage --format json --track uplink1=up examples/policy.kp "$work/some.txt"
+every rule used|0|coverage-all.out|run --quiet --fail-unused --output routes examples/sets.kp examples/routes.txt 2>&1 >/dev/null
 CASES
   ;;
 *) echo "unknown group $group"; exit 2 ;;

@@ -25,7 +25,7 @@ struct Options {
     std::string format = "text", input = "auto", location = "import", output = "verdicts";
     std::vector<std::string> tracks, routes;  // routes: eval's arguments, test's case files
     bool explain = false, strict = false, quiet = false, parse_only = false, werror = false;
-    bool set_hits = false;
+    bool set_hits = false, coverage = false, fail_unused = false;
     unsigned jobs = 1;
     bool json() const { return format == "json"; }
 };
