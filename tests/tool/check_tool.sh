@@ -189,6 +189,20 @@ for f in sys.argv[1:]:
   [ "$(wc -c <err)" -lt 300 ] && grep -q "(10000000 bytes)" err && ok || bad "route error of $(wc -c <err) bytes"
   "$tool" check long.kp >/dev/null 2>err
   [ "$(wc -c <err)" -lt 300 ] && ok || bad "policy error of $(wc -c <err) bytes"
+  # Input without end is refused at the bound (128 MiB), for list files,
+  # policies and case files alike.
+  printf 'prefix-set x from "/dev/zero"\n' >zero.kp
+  mkfifo lines.fifo && printf 'prefix-set x from "lines.fifo"\n' >lines.kp
+  while IFS='|' read -r name want cmd; do
+    eval "$cmd" >/dev/null 2>err
+    rc=$?
+    if [ $rc -eq "$want" ] && grep -q "128 MiB (input without end?)" err; then ok; else bad "$name: exit $rc: $(cat err)"; fi
+  done <<'CASES'
+list file|2|"$tool" check zero.kp
+list file of endless lines|2|{ yes 10.0.0.0/8 >lines.fifo 2>/dev/null & } ; timeout 120 "$tool" check lines.kp
+policy|1|"$tool" check /dev/zero
+case file|1|"$tool" test utf.kp /dev/zero
+CASES
   # --explain shows a long list by its size, not its entries.
   python3 -c 'print("rule r\n  if destination pfxmatch { " + ", ".join("10.%d.0.0/16" % i for i in range(200)) + " }\n  accept")' >list.kp
   "$tool" run --quiet --explain list.kp <(echo dest=10.150.0.0/16) >out
