@@ -13,6 +13,15 @@ trap 'rm -rf "$work"' EXIT
 pass=0 fail=0
 ok() { pass=$((pass + 1)); }
 bad() { fail=$((fail + 1)); echo "FAILED: $*"; }
+# Rows "name|exit status|golden file|command": each command (run by eval,
+# "$tool" in front) exits with the status and prints the golden file.
+golden_rows() {
+  while IFS='|' read -r name want golden cmd; do
+    eval "\"\$tool\" $cmd" >"$work/out" 2>"$work/err"
+    rc=$?
+    if [ $rc -eq "$want" ] && diff -u "$here/golden/$golden" "$work/out"; then ok; else bad "$name: exit $rc: $(head -3 "$work/err")"; fi
+  done
+}
 
 case $group in
 golden)
@@ -180,6 +189,20 @@ for f in sys.argv[1:]:
   [ "$(wc -c <err)" -lt 300 ] && grep -q "(10000000 bytes)" err && ok || bad "route error of $(wc -c <err) bytes"
   "$tool" check long.kp >/dev/null 2>err
   [ "$(wc -c <err)" -lt 300 ] && ok || bad "policy error of $(wc -c <err) bytes"
+  # Input without end is refused at the bound (128 MiB), for list files,
+  # policies and case files alike.
+  printf 'prefix-set x from "/dev/zero"\n' >zero.kp
+  mkfifo lines.fifo && printf 'prefix-set x from "lines.fifo"\n' >lines.kp
+  while IFS='|' read -r name want cmd; do
+    eval "$cmd" >/dev/null 2>err
+    rc=$?
+    if [ $rc -eq "$want" ] && grep -q "128 MiB (input without end?)" err; then ok; else bad "$name: exit $rc: $(cat err)"; fi
+  done <<'CASES'
+list file|2|"$tool" check zero.kp
+list file of endless lines|2|{ yes 10.0.0.0/8 >lines.fifo 2>/dev/null & } ; timeout 120 "$tool" check lines.kp
+policy|1|"$tool" check /dev/zero
+case file|1|"$tool" test utf.kp /dev/zero
+CASES
   # --explain shows a long list by its size, not its entries.
   python3 -c 'print("rule r\n  if destination pfxmatch { " + ", ".join("10.%d.0.0/16" % i for i in range(200)) + " }\n  accept")' >list.kp
   "$tool" run --quiet --explain list.kp <(echo dest=10.150.0.0/16) >out
@@ -198,7 +221,7 @@ for i in range(30000):
         r.choice([10, 172, 198, 203]), a, b, r.choice([5, 10, 15, 42, 100, 4000]), r.randrange(200),
         r.randrange(60), r.choice(["igp", "egp"]), r.randrange(4)))
 ' >"$work/routes.txt"
-  for opts in "" "--format json --explain" "--output routes" "--set-hits"; do
+  for opts in "" "--format json --explain" "--output routes" "--set-hits --coverage"; do
     # shellcheck disable=SC2086
     "$tool" run --quiet --track uplink1=up $opts --jobs 1 examples/policy.kp "$work/routes.txt" >"$work/one" 2>&1
     # shellcheck disable=SC2086
@@ -244,15 +267,52 @@ diff)
   cd "$src" || exit 1
   sed -e 's/if metric le 100/if metric le 50/' -e 's/set metric 1$/set metric 2/' \
     -e '/^rule bogons/,/^  reject/s/reject/accept/' examples/policy.kp >"$work/new.kp"
-  while IFS='|' read -r name want golden cmd; do
-    eval "\"\$tool\" $cmd" >"$work/out" 2>"$work/err"
-    rc=$?
-    if [ $rc -eq "$want" ] && diff -u "$here/golden/$golden" "$work/out"; then ok; else bad "$name: exit $rc: $(head -3 "$work/err")"; fi
-  done <<'CASES'
+  golden_rows <<'CASES'
 text|4|diff.out|diff --quiet --track uplink1=up examples/policy.kp "$work/new.kp" examples/routes.txt
 pipe|4|diff.out|diff --quiet --track uplink1=up examples/policy.kp "$work/new.kp" - <examples/routes.txt
 json|4|diff.json|diff --quiet --format json --track uplink1=up examples/policy.kp "$work/new.kp" examples/routes.txt
 same policy|0|diff-none.out|diff --quiet --track uplink1=up examples/policy.kp examples/policy.kp examples/routes.txt
+CASES
+  ;;
+cases)
+  # test POLICY CASES: the bundled cases pass; failing cases are reported
+  # (text, JSON, JUnit XML) with exit 4; a case file that does not read is
+  # refused with its file:line:column and exit 2, and writes no JUnit file.
+  cd "$work" || exit 1
+  ln -s "$src/examples" examples && ln -s "$here/cases" cases
+  t() { "$tool" test --track uplink1=up examples/policy.kp "$@"; }
+  # (the case file named as the report shows it: cases/failing.tests)
+  golden_rows <<'CASES'
+bundled cases|0|test-pass.out|test --track uplink1=up examples/policy.kp examples/policy.tests
+failing cases|4|test-fail.out|test --track uplink1=up examples/policy.kp cases/failing.tests
+JSON|4|test-fail.json|test --format json --track uplink1=up examples/policy.kp cases/failing.tests
+JUnit|4|test-fail.xml|test --junit "$work/junit.xml" --track uplink1=up examples/policy.kp cases/failing.tests >/dev/null; rc=$?; cat "$work/junit.xml"; (exit $rc)
+CASES
+  python3 -c 'import sys, xml.dom.minidom; xml.dom.minidom.parse(sys.argv[1])' "$work/junit.xml" && ok || bad "the JUnit file is not XML"
+  while IFS=';' read -r name line want; do
+    printf '%b\n' "$line" >"$work/bad.tests"
+    rm -f "$work/bad.xml"
+    t --junit "$work/bad.xml" "$work/bad.tests" >/dev/null 2>"$work/err"
+    rc=$?
+    if [ $rc -eq 2 ] && grep -qF "bad.tests:$want" "$work/err" && [ ! -e "$work/bad.xml" ]; then ok; else bad "$name: exit $rc: $(cat "$work/err")"; fi
+  done <<'CASES'
+no arrow;10.0.0.0/8 accept;1:1: error: expected 'ROUTE => accept|reject
+no verdict;# a comment\n10.0.0.0/8 => acept;2:15: error: expected accept or reject after '=>'
+unknown rule;10.0.0.0/8 => accept customers;1:22: error: the policy has no rule 'customers'
+unknown attribute;10.0.0.0/8 => accept bogons colour=red;1:29: error: unknown attribute 'colour'
+malformed route;dest=10.0.0.0/8 metric=x => reject;1:17: error: bad metric 'x'
+no route;TABLE_DUMP2|1|W|192.0.2.1|65001|10.0.0.0/8 => reject;1:1: error: not a route
+CASES
+  ;;
+coverage)
+  # run --coverage: the rules, conditions and set entries the routes never
+  # used; --fail-unused makes an unused rule exit 4.
+  cd "$src" || exit 1
+  head -12 examples/routes.txt >"$work/some.txt"
+  golden_rows <<'CASES'
+text|4|coverage.out|run --quiet --fail-unused --track uplink1=up examples/policy.kp "$work/some.txt"
+JSON|0|coverage.json|run --quiet --coverage --format json --track uplink1=up examples/policy.kp "$work/some.txt"
+every rule used|0|coverage-all.out|run --quiet --fail-unused --output routes examples/sets.kp examples/routes.txt 2>&1 >/dev/null
 CASES
   ;;
 *) echo "unknown group $group"; exit 2 ;;

@@ -202,6 +202,7 @@ int run_routes(const Options &o, const Reporter &rep, Policy &policy,
     EngineOptions eo;
     eo.explain = o.explain;
     eo.set_hits = o.set_hits;
+    eo.coverage = o.coverage;
     const Engine engine(policy, eo);
     const bool routes_out = o.output == "routes";
     RouteInput input{input_format(o.input), o.strict, o.routes_file, &rep};
@@ -245,14 +246,19 @@ int run_routes(const Options &o, const Reporter &rep, Policy &policy,
 
     Counters total = engine.counters();
     for (const Counters &c : counters) total.merge(c);
-    const std::string summary =
+    std::string summary =
         o.json() ? dump(summary_json(engine, total)) + "\n" : summary_text(engine, total);
+    std::size_t unused_rules = 0;
+    if (o.coverage)
+        summary += o.json() ? dump(coverage_json(engine, total, unused_rules)) + "\n"
+                            : coverage_text(engine, total, unused_rules);
     // Routes written for the next program keep the summary off their way.
     if (routes_out)
         std::fputs(summary.c_str(), stderr);
     else if (eval_lines == nullptr || o.json())
         if (!g_out.put(summary)) return write_failed(rep);
-    return total.malformed != 0 ? kMalformed : kOk;
+    if (total.malformed != 0) return kMalformed;
+    return o.fail_unused && unused_rules != 0 ? kFound : kOk;
 }
 
 }  // namespace

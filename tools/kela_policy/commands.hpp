@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The commands of kela-policy (run, eval, check, show, diff) and what they share:
+// The commands of kela-policy (run, eval, check, show, diff, test) and what they
+// share:
 // the options, the exit statuses, loading a policy and the states of
 // tracked objects.
 #pragma once
@@ -20,10 +21,11 @@ constexpr int kOk = 0, kIoError = 1, kPolicyError = 2, kMalformed = 3, kFound = 
 struct Options {
     std::string policy_file, routes_file = "-", rib_file, track_file;
     std::string new_policy_file;  // diff's NEW
+    std::string junit_file;       // test --junit
     std::string format = "text", input = "auto", location = "import", output = "verdicts";
-    std::vector<std::string> tracks, routes;  // routes: eval's arguments
+    std::vector<std::string> tracks, routes;  // routes: eval's arguments, test's case files
     bool explain = false, strict = false, quiet = false, parse_only = false, werror = false;
-    bool set_hits = false;
+    bool set_hits = false, coverage = false, fail_unused = false;
     unsigned jobs = 1;
     bool json() const { return format == "json"; }
 };
@@ -48,5 +50,6 @@ int cmd_show(const Options &o, const Reporter &rep);
 int cmd_run(const Options &o, const Reporter &rep);
 int cmd_eval(Options o, const Reporter &rep);
 int cmd_diff(const Options &o, const Reporter &rep);
+int cmd_test(const Options &o, const Reporter &rep);
 
 }  // namespace kp

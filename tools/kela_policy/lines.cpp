@@ -46,7 +46,15 @@ bool LineReader::fill() {
         end_ -= begin_;
         begin_ = 0;
     }
-    if (end_ == buf_.size()) buf_.resize(buf_.size() * 2);  // one line longer than the buffer
+    if (end_ == buf_.size()) {  // one line longer than the buffer
+        if (buf_.size() >= kInputBound) {
+            eof_ = true;
+            error_ = "cannot read " + path_ + ": a line longer than " +
+                     std::to_string(kInputBound >> 20) + " MiB (input without end?)";
+            return false;
+        }
+        buf_.resize(buf_.size() * 2);
+    }
     for (;;) {
         const ssize_t n = ::read(fd_, buf_.data() + end_, buf_.size() - end_);
         if (n > 0) {
@@ -135,6 +143,11 @@ bool read_all(const std::string &path, std::string &out, std::string &error) {
     out.clear();
     std::string_view line;
     while (in.next(line)) {
+        if (out.size() + line.size() >= kInputBound) {
+            error = "cannot read " + path + ": more than " + std::to_string(kInputBound >> 20) +
+                    " MiB (input without end?)";
+            return false;
+        }
         out.append(line);
         out += '\n';
     }

@@ -29,6 +29,11 @@ void for_each_line(std::string_view text, F &&f) {
     }
 }
 
+// Input without end (/dev/zero, an endless pipe) is refused at this bound:
+// a line longer, or a file read whole (a policy, a list file, a case file)
+// larger, ends the read with an error.
+constexpr std::size_t kInputBound = std::size_t{128} << 20;
+
 class LineReader {
   public:
     LineReader() = default;
@@ -90,7 +95,8 @@ struct TrackingIter {
     bool operator!=(const TrackingIter &o) const { return p != o.p; }
 };
 
-// Reads a whole file ("-": standard input); false with `error` set.
+// Reads a whole file ("-": standard input) of at most kInputBound bytes;
+// false with `error` set.
 bool read_all(const std::string &path, std::string &out, std::string &error);
 
 }  // namespace kp

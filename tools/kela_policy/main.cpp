@@ -26,7 +26,8 @@ int run_main(int argc, char **argv) {
     app.footer(
         "Exit status: 0 success; 1 a file that cannot be read or output that cannot be written;\n"
         "2 a policy that does not compile, or a usage error; 3 malformed route lines;\n"
-        "4 a check found something (diff: routes that differ).\n"
+        "4 a check found something (diff: routes that differ; test: failing cases;\n"
+        "run --coverage --fail-unused: a rule that decided no route).\n"
         "See kela-policy(1) and docs/policy-language.md.");
 
     auto common_options = [&](CLI::App *cmd) {
@@ -73,6 +74,10 @@ int run_main(int argc, char **argv) {
     run->add_flag("--explain", o.explain, "show every condition's outcome and matching entry");
     run->add_flag("--parse-only", o.parse_only, "read and parse the routes, evaluate nothing");
     run->add_flag("--set-hits", o.set_hits, "count the hits of every set entry");
+    run->add_flag("--coverage", o.coverage,
+                  "after the summary, the rules, conditions and set entries the routes never used");
+    run->add_flag("--fail-unused", o.fail_unused,
+                  "--coverage, and exit status 4 when a rule decided no route");
     run->add_option("--output", o.output, "verdicts, or the accepted routes in their input format")
         ->check(CLI::IsMember({"verdicts", "routes"}))
         ->capture_default_str();
@@ -83,6 +88,15 @@ int run_main(int argc, char **argv) {
     diff->add_option("NEW", o.new_policy_file, "the policy as changed")->required();
     common_options(diff);
     stream_options(diff);
+
+    CLI::App *test = app.add_subcommand(
+        "test", "check that POLICY gives the routes of CASES the outcomes they expect");
+    policy_options(test);
+    test->add_option("CASES", o.routes,
+                     "case files: 'ROUTE => accept|reject [RULE] [ATTR=VALUE...]'")
+        ->required();
+    route_options(test);
+    test->add_option("--junit", o.junit_file, "also write the results as JUnit XML to FILE");
 
     CLI::App *check = app.add_subcommand("check", "compile POLICY only");
     policy_options(check);
@@ -110,10 +124,12 @@ int run_main(int argc, char **argv) {
     }
     Reporter rep{o.json()};
     if (*eval) o.explain = true;  // a one-shot test says why
+    if (o.fail_unused) o.coverage = true;
     if (*check) return cmd_check(o, rep);
     if (*show) return cmd_show(o, rep);
     if (*eval) return cmd_eval(o, rep);
     if (*diff) return cmd_diff(o, rep);
+    if (*test) return cmd_test(o, rep);
     return cmd_run(o, rep);
 }
 

@@ -214,4 +214,87 @@ std::string summary_text(const Engine &e, const Counters &c) {
     return out;
 }
 
+namespace {
+
+// The coverage as records both writers format.
+struct Coverage {
+    std::vector<std::size_t> rules;                               // decided no route
+    std::vector<std::pair<std::size_t, std::size_t>> conditions;  // rule, condition: never true
+    struct List {
+        std::size_t index, unused;
+        std::vector<std::string> first;  // the first few unused entries
+    };
+    std::vector<List> lists;  // those with an entry that never matched
+};
+
+constexpr std::size_t kFirstUnused = 5;
+
+Coverage coverage_of(const Engine &e, const Counters &c) {
+    const Policy &p = e.policy();
+    Coverage cov;
+    for (std::size_t r = 0; r < p.rules.size(); ++r) {
+        if (c.rule_hits[r] == 0) cov.rules.push_back(r);
+        for (std::size_t k = 0; k < p.rules[r].conditions.size(); ++k)
+            if (c.condition_true[r][k] == 0) cov.conditions.emplace_back(r, k);
+    }
+    for (std::size_t i = 0; i < e.lists().size(); ++i) {
+        Coverage::List l{i, 0, {}};
+        for (std::size_t k = 0; k < c.list_hits[i].size(); ++k) {
+            if (c.list_hits[i][k] != 0) continue;
+            if (l.unused++ < kFirstUnused) l.first.push_back(e.lists()[i]->shown[k]);
+        }
+        if (l.unused != 0) cov.lists.push_back(std::move(l));
+    }
+    return cov;
+}
+
+}  // namespace
+
+std::string coverage_text(const Engine &e, const Counters &c, std::size_t &unused_rules) {
+    const Policy &p = e.policy();
+    const Coverage cov = coverage_of(e, c);
+    unused_rules = cov.rules.size();
+    std::string out;
+    for (std::size_t r : cov.rules)
+        out += "coverage: rule " + p.rules[r].name + " (line " + std::to_string(p.rules[r].line) +
+               ") decided no route\n";
+    for (const auto &[r, k] : cov.conditions) {
+        const Condition &cond = p.rules[r].conditions[k];
+        out += "coverage: rule " + p.rules[r].name + ": " + cond.text + " (line " +
+               std::to_string(cond.line) + ") was never true\n";
+    }
+    for (const Coverage::List &l : cov.lists) {
+        const ValueList &list = *e.lists()[l.index];
+        out += "coverage: " + list_name(list) + ": " + std::to_string(l.unused) + " of " +
+               std::to_string(list.shown.size()) + " entries never matched:";
+        for (std::size_t k = 0; k < l.first.size(); ++k) out += (k ? ", " : " ") + l.first[k];
+        out += l.unused > l.first.size() ? ", ...\n" : "\n";
+    }
+    if (out.empty())
+        out = "coverage: every rule decided a route, every condition held, every entry matched\n";
+    return out;
+}
+
+Json coverage_json(const Engine &e, const Counters &c, std::size_t &unused_rules) {
+    const Policy &p = e.policy();
+    const Coverage cov = coverage_of(e, c);
+    unused_rules = cov.rules.size();
+    Json rules = Json::array(), conds = Json::array(), lists = Json::array();
+    for (std::size_t r : cov.rules)
+        rules.push_back({{"rule", p.rules[r].name}, {"line", p.rules[r].line}});
+    for (const auto &[r, k] : cov.conditions)
+        conds.push_back({{"rule", p.rules[r].name},
+                         {"condition", p.rules[r].conditions[k].text},
+                         {"line", p.rules[r].conditions[k].line}});
+    for (const Coverage::List &l : cov.lists)
+        lists.push_back({{"set", list_name(*e.lists()[l.index])},
+                         {"entries", e.lists()[l.index]->shown.size()},
+                         {"unused", l.unused},
+                         {"first", l.first}});
+    return Json{{"coverage",
+                 {{"unused_rules", std::move(rules)},
+                  {"conditions_never_true", std::move(conds)},
+                  {"unused_entries", std::move(lists)}}}};
+}
+
 }  // namespace kp

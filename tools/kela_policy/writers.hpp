@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Output of kela-policy: standard output through write(2), messages on
-// standard error, and the text and JSON forms of an evaluation's outcome
-// and of the run's summary.
+// standard error, and the text and JSON forms of an evaluation's outcome,
+// of the run's summary and of the coverage of a policy by the routes.
 #pragma once
 
 #include <cstddef>
@@ -65,5 +65,11 @@ void append_explanation(std::string &out, const Policy &p, const Outcome &o);
 // The run's summary, with the per-entry hit counts when asked.
 std::string summary_text(const Engine &e, const Counters &c);
 Json summary_json(const Engine &e, const Counters &c);
+
+// What the routes never used: rules that decided no route, conditions
+// never true, list entries that never matched first; `unused_rules` is set
+// to the number of the first kind.
+std::string coverage_text(const Engine &e, const Counters &c, std::size_t &unused_rules);
+Json coverage_json(const Engine &e, const Counters &c, std::size_t &unused_rules);
 
 }  // namespace kp
