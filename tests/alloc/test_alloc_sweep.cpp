@@ -174,17 +174,19 @@ TEST_F(AllocSweep, ScalarTypes) {
 
 TEST_F(AllocSweep, PrefixType) {
     shared_kela_prefix_desc_td desc{"destination", get_value, nullptr, nullptr, 0};
-    sweep("entry",
-          [&] {
-              shared_kela_prefix_matchspec_td *s = nullptr;
-              const vogno st = shared_kela_prefix_cvt_string_to_matchspec_acl(
-                  "10.0.0.0", "0.255.0.0", "8", "24", &s);
-              return Outcome{st, s != nullptr, [s] {
-                                 if (s != nullptr) std::free(s->mask);
-                                 std::free(s);
-                             }};
-          },
-          {kNoMemory});
+    for (auto [cvt, second] :
+         {std::pair{&shared_kela_prefix_cvt_string_to_matchspec_acl, "0.255.0.0"},
+          {shared_kela_prefix_cvt_string_to_matchspec, "8"}})
+        sweep("entry",
+              [&] {
+                  shared_kela_prefix_matchspec_td *s = nullptr;
+                  const vogno st = cvt("10.0.0.0", second, "8", "24", &s);
+                  return Outcome{st, s != nullptr, [s] {
+                                     if (s != nullptr) std::free(s->mask);
+                                     std::free(s);
+                                 }};
+              },
+              {kNoMemory});
     sweep("pfxmatch operand",
           [&] {
               shared_kela_pfxmatch_td *r = nullptr;

@@ -120,7 +120,7 @@ std::vector<Row> rows() {
     r.push_back({"mac", KREF_CMP, "macaddrmatch", seg({{"0011.2233.4455"}, {"abab.abab.abab"}}), {
         {seg({{"0011.2233.4455"}}), kNoDesc, kNoArray, U},
         {seg({{"0011.2233.4455"}, {nullptr}}), kAsIs, kNullParam, U},
-        {seg({{"0011.2233.4455"}, {"a", "b"}}), kAsIs, 4, U}}});
+        {seg({{"0011.2233.4455"}, {"a", "b"}}), kAsIs, 4, U}, {{kVar}, kAsIs, kVariable, U}}});
     // "in" has started to build once its context exists: every refusal from
     // then on hands back null.
     const Texts host = seg({{"10.0.0.0", "8", "8", "8"}});
@@ -220,6 +220,16 @@ class Constructors : public kt::FrameworkTest {
                 EXPECT_NE(out, kSentinel);
             else
                 EXPECT_EQ(out, n > 1 && late == N ? nullptr : kSentinel);
+            // No memory, an entry that could not be filed (4), a segment list
+            // that could not be made (a malformed list: bad value or null
+            // input), or the refusal the input gets anyway.
+            const std::set<vogno> allowed = {0,
+                                             clean,
+                                             KEL_SHARED_ERR_NO_MEMORY,
+                                             4,
+                                             KEL_SHARED_ERR_BAD_VALUE,
+                                             KEL_SHARED_ERR_NULL_INPUT};
+            EXPECT_TRUE(allowed.count(st)) << std::hex << st;
         }
     }
 
@@ -290,6 +300,8 @@ TEST_F(Constructors, EveryFailureOfEveryConstructorIsClean) {
             sweep_allocations(cons, free_fn, desc, f.texts, f.shape, f.status, f.out,
                               row.late_alloc);
         sweep_platform_calls(cons, free_fn, desc, row.valid);
+        kt::Params p(row.valid);  // and no place for the instance
+        EXPECT_EQ(cons(p.count(), p.vec(), p.slots(), desc, nullptr), KEL_SHARED_ERR_NULL_RESULT);
     }
 }
 

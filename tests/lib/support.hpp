@@ -13,6 +13,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "kela_ref.h"
@@ -214,6 +217,64 @@ struct EveryType {
         return st;
     }
 };
+
+// ---- null arguments ----------------------------------------------------------
+// One letter per result (the legend: test_nulls.cpp); texts and segment
+// lists are released.
+inline char code(vogno st) {
+    static const std::pair<vogno, char> kLetters[] = {
+        {KEL_SHARED_ERR_NULL_INPUT, 'I'},  {KEL_SHARED_ERR_NULL_RESULT, 'R'},
+        {KEL_SHARED_ERR_NULL_PARAM, 'P'},  {KEL_SHARED_ERR_NO_PARAM_ARRAY, 'A'},
+        {KEL_SHARED_ERR_PARAM_COUNT, 'C'}, {KEL_SHARED_ERR_VARIABLE, 'V'},
+        {KEL_SHARED_ERR_BAD_VALUE, 'B'},   {KEL_SHARED_ERR_PARAMS_NOT_ALLOWED, 'E'}};
+    if (st < 10) return static_cast<char>('0' + st);
+    for (auto [s, c] : kLetters)
+        if (s == st) return c;
+    return '?';
+}
+inline char code(int32_t n) {
+    return n < 0 ? '-' : '+';
+}
+inline char code(char *text) {
+    std::free(text);
+    return text != nullptr ? 't' : 'n';
+}
+inline char code(kel_shared_sl_td *sl) {
+    kel_shared_sl_destroy(sl);
+    return sl != nullptr ? 't' : 'n';
+}
+// Called after every call nulls() makes (to release what it handed back).
+inline void (*after_call)() = nullptr;
+
+// The letters of fn called as given, then with each pointer parameter null
+// in turn (the others as given); where `want` has an x, no call is made.
+template <typename R, typename... A, typename... G>
+std::string nulls(std::string_view want, R (*fn)(A...), G... given) {
+    const std::tuple<A...> args{given...};
+    std::string got;
+    auto call = [&](const std::tuple<A...> &a) {
+        if (got.size() < want.size() && want[got.size()] == 'x') return got += 'x', void();
+        if constexpr (std::is_void_v<R>) {
+            std::apply(fn, a);
+            got += '.';
+        } else {
+            got += code(std::apply(fn, a));
+        }
+        if (after_call != nullptr) after_call();
+    };
+    call(args);
+    [&]<std::size_t... I>(std::index_sequence<I...>) {
+        (..., [&] {
+            if constexpr (std::is_pointer_v<std::tuple_element_t<I, std::tuple<A...>>>) {
+                auto a = args;
+                std::get<I>(a) = nullptr;
+                call(a);
+            }
+        }());
+    }
+    (std::index_sequence_for<A...>{});
+    return got;
+}
 
 // Every test starts and ends with an empty framework and no armed fault.
 class FrameworkTest : public ::testing::Test {

@@ -71,10 +71,6 @@ TEST_F(Named, EnumNamesAreCaseInsensitiveAndTheFirstEntryWins) {
         EXPECT_EQ(shared_kela_enum_cvt_string(text, &enum_, nullptr, &v), status) << text;
         EXPECT_EQ(v, value) << text;
     }
-    EXPECT_EQ(shared_kela_enum_cvt_string(nullptr, &enum_, nullptr, nullptr),
-              KEL_SHARED_ERR_NULL_PARAM);
-    EXPECT_EQ(shared_kela_enum_cvt_string("red", nullptr, nullptr, nullptr),
-              KEL_SHARED_ERR_NO_PARAM_ARRAY);
 
     // Print names the first entry of a value.
     rasf_attr_t *attr = kref_attr_find("colour");
@@ -160,13 +156,10 @@ TEST_F(Named, BitmaskedBaseFunctionsAndRetriever) {
     int32_t out = -1;
     EXPECT_EQ(kref_attr_compare(attr, route_, other, &out), 0u);
     EXPECT_EQ(out, 1) << "only word index counts";
-    // A missing route is the caller's fault, for the word types as for MAC
-    // addresses (which also clear the outcome).
-    for (auto cmp : {shared_kela_bitmasked_base_cmp, shared_kela_enum_base_cmp,
-                     shared_kela_mac_address_base_cmp}) {
-        out = -1;
-        EXPECT_EQ(cmp(nullptr, other, &bits_, &out), KEL_SHARED_ERR_NULL_INPUT);
-    }
+    // MAC addresses clear the outcome when a route is missing.
+    out = -1;
+    EXPECT_EQ(shared_kela_mac_address_base_cmp(nullptr, other, &bits_, &out),
+              KEL_SHARED_ERR_NULL_INPUT);
     EXPECT_EQ(out, 0);
     // The retriever's verifier (the enumeration's too) wants a first text.
     Params x{"x"}, var{std::nullopt};

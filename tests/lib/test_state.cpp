@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 
 #include <cstring>
+#include <utility>
 
 #include "kela_callbacks.hpp"
 #include "kela_ref_state.h"
@@ -247,8 +248,10 @@ TEST_F(State, BaseFunctionsAndRetrievers) {
     EXPECT_EQ(take(kref_attr_print(track, &r)), "<<track-id>>");
     EXPECT_EQ(take(kref_attr_print(track, nullptr)), "<<no track>>");
     int32_t out = 0;
-    EXPECT_EQ(kref_attr_compare(rhr, &r, &other, &out), 0u);
-    EXPECT_EQ(out, 1);
+    for (rasf_attr_t *attr : {rhr, track}) {
+        EXPECT_EQ(kref_attr_compare(attr, &r, &other, &out), 0u);
+        EXPECT_EQ(std::exchange(out, 0), 1) << "any two routes are alike";
+    }
     EXPECT_EQ(kref_attr_compare(track, &r, nullptr, &out), KEL_SHARED_ERR_NO_PARAM_ARRAY);
     EXPECT_EQ(shared_kela_rhr_retr_veri(0, nullptr, &rhr_, nullptr),
               KEL_SHARED_ERR_PARAMS_NOT_ALLOWED);
