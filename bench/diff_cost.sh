@@ -15,23 +15,24 @@ trap 'rm -f "$new"' EXIT
 sed 's/^\(  set [a-z-]*\) \([0-9][0-9]*\)$/\1 1\2/' "$policy" >"$new"
 cmp -s "$policy" "$new" && { echo "diff_cost.sh: $policy has no action to change" >&2; exit 1; }
 
+times=$(mktemp)
+trap 'rm -f "$new" "$times"' EXIT
 best_cpu() {
   local best=
   for _ in 1 2 3; do
-    local u s
-    read -r u s < <({ /usr/bin/time -f '%U %S' "$@" >/dev/null 2>/dev/null || true; } 2>&1 | tail -1)
+    /usr/bin/time -o "$times" -f '%U %S' "$@" >/dev/null 2>&1 || true  # diff exits 4
     local cpu
-    cpu=$(awk -v u="$u" -v s="$s" 'BEGIN { printf "%.2f", u + s }')
+    cpu=$(tail -1 "$times" | awk '{ printf "%.2f", $1 + $2 }')
     if [ -z "$best" ] || [ "$(echo "$cpu < $best" | bc)" = 1 ]; then best=$cpu; fi
   done
   echo "$best"
 }
 run_cpu=$(best_cpu "$tool" run --quiet "$policy" "$routes")
 diff_cpu=$(best_cpu "$tool" diff --quiet "$policy" "$new" "$routes")
-summary=$("$tool" diff --quiet "$policy" "$new" "$routes" | tail -n +1 | grep '^summary:' || true)
+summary=$("$tool" diff --quiet "$policy" "$new" "$routes" | grep '^summary:' || true)
 n_routes=$(echo "$summary" | sed -n 's/^summary: \([0-9]*\) routes, \([0-9]*\) differ.*/\1/p')
 n_differ=$(echo "$summary" | sed -n 's/^summary: \([0-9]*\) routes, \([0-9]*\) differ.*/\2/p')
-ratio=$(awk -v d="$diff_cpu" -v r="$run_cpu" 'BEGIN { printf "%.2f", r > 0 ? d / r : 0 }')
+ratio=$(awk -v d="$diff_cpu" -v r="$run_cpu" 'BEGIN { printf "%.2f", (r > 0 ? d / r : 0) }')
 
 cat <<MD
 

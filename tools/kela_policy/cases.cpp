@@ -71,7 +71,7 @@ bool parse_case(std::string_view line, const Policy &p, Format format, Case &c, 
     const std::size_t end = route.find_last_not_of(" \t");
     c.route = std::string(route.substr(0, end == std::string_view::npos ? 0 : end + 1));
     const std::string parsed = route_line(c.route);
-    RouteError re;
+    RouteError re{1, {}};
     bool skip = false;
     if (!parse_route(format, parsed, c.r, re, skip) || skip) {
         // A column of the line as written (a bare prefix got "dest=" in front).
@@ -214,7 +214,13 @@ int cmd_test(const Options &o, const Reporter &rep) {
             char *text = kref_attr_print(kref_attr_find(attr.c_str()), &c.r);
             const std::string now = text != nullptr ? text : "?";
             std::free(text);
-            if (now != value) wrong.push_back("expected " + attr + " " + value + ", got " + now);
+            if (now != value)
+                wrong.push_back(std::string("expected ")
+                                    .append(attr)
+                                    .append(" ")
+                                    .append(value)
+                                    .append(", got ")
+                                    .append(now));
         }
         std::string explanation;
         append_explanation(explanation, policy, got);
@@ -228,7 +234,8 @@ int cmd_test(const Options &o, const Reporter &rep) {
             j["actual"] = outcome_json(policy, c.r, got, !wrong.empty());
             out += dump(j) + "\n";
         } else if (!wrong.empty()) {
-            out += where + ": FAIL: " + c.route + ": " + message + "\n" + explanation;
+            out.append(where).append(": FAIL: ").append(c.route).append(": ").append(message);
+            out.append("\n").append(explanation);
         }
         std::string &suite = suites[file_index];
         suite += "    <testcase classname=\"" + xml(c.file) + "\" name=\"" +
@@ -239,7 +246,11 @@ int cmd_test(const Options &o, const Reporter &rep) {
             ++failed;
             ++suite_failed[file_index];
             suite += ">\n      <failure message=\"" + xml(message) + "\">" +
-                     xml(where + ": " + verdict_text(policy, got) + "\n" + explanation) +
+                     xml(std::string(where)
+                             .append(": ")
+                             .append(verdict_text(policy, got))
+                             .append("\n")
+                             .append(explanation)) +
                      "</failure>\n    </testcase>\n";
         }
     }
