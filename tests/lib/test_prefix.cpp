@@ -294,6 +294,9 @@ TEST_F(PrefixAttr, VerifierAndConstructorRefusals) {
     Params acl{"arg0:4", "10.0.0.0", "0.255.255.255", "x", "y"};
     EXPECT_EQ(shared_kela_prefix_cmp_match_veri(acl.count(), acl.vec(), &desc_, nullptr), 0u)
         << "the verifier does not examine the bounds of address/mask entries";
+    Params v6{"arg0:4", "2001:db8::1", "128", "128", "128"};
+    EXPECT_EQ(shared_kela_prefix_cmp_match_veri(v6.count(), v6.vec(), &desc_, nullptr), 0u)
+        << "three characters are a length, more a mask";
     compile("pfxmatch", {{"10.0.0.0", "0.255.255.255", "x", "y"}}, 4);  // the build does
     compile("pfxmatch", {{"10.0.0.0", "0.255.255.25x", "8", "8"}}, KEL_SHARED_ERR_BAD_VALUE);
 
