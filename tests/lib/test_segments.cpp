@@ -130,6 +130,12 @@ TEST(SegmentList, LaterHeadersEndTheWalkWhenTheyDoNotFitAndResetRefuses) {
     EXPECT_EQ(kel_shared_sl_reset(sl), -1);
     EXPECT_EQ(pos(sl), (Pos{2, 4, 3}));
     kel_shared_sl_destroy(sl);
+    // A negative count other than -1 is handed back as it is, by both moves.
+    Params negative{"arg0:0", "arg1:-2"};
+    sl = kel_shared_sl_create(negative.count(), negative.vec());
+    EXPECT_EQ(kel_shared_sl_segment_next(sl), -2);
+    EXPECT_EQ(kel_shared_sl_segment_reset(sl), -2);
+    kel_shared_sl_destroy(sl);
     // A count beyond a long saturates to LONG_MAX, which cut to int is -1:
     // the end of the walk, not a segment of negative size.
     Params huge{"arg0:0", "arg1:19000000000000000000"};

@@ -214,6 +214,10 @@ TEST_F(State, TrackFollowsTheObjectsState) {
     int32_t out = 77;
     EXPECT_EQ(info.cmp(nullptr, 3, nullptr, info.ctx, &out), 0u);
     EXPECT_EQ(out, 77) << "before the first update the outcome is left alone";
+    kref_eval_rec_t any{};
+    kt::Params no_name{"x", std::nullopt, "up"}, no_state{"x", "T1", std::nullopt};
+    for (kt::Params *p : {&no_name, &no_state})
+        EXPECT_EQ(info.update(&any, info.ctx, 3, p->vec()), KEL_SHARED_ERR_NULL_INPUT);
 
     kref_trace_start();
     kref_eval_rec_t rec{};
