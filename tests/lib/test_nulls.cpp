@@ -128,6 +128,10 @@ TEST_F(NullArguments, EveryExportedFunction) {
     ROW("0IA0", shared_kela_enum_cmp_match_veri, 1, red.vec(), &t.en, m);
     ROW("0IA0", shared_kela_enum_set_assign_veri, 1, red.vec(), &t.en, m);
     ROW("0V00", shared_kela_enum_retr_veri, 1, x.vec(), &t.en, m);
+    rasf_inst_t *inst = nullptr;  // the retriever of both word types
+    ASSERT_EQ(shared_kela_enum_retr_cons(0, nullptr, nullptr, &t.en, &inst), 0u);
+    ROW("0R00RR", kt::inst_info(inst).retrieve, a, nullptr, nullptr, &u, &t.en);
+    rasf_free_retriever_instance(inst);
     ROW("tttn", shared_kela_bitmasked_base_print, nullptr, a, &bm);
     ROW("nnnn", shared_kela_bitmasked_base_print, nullptr, a, &t.bm);
     ROW("0IIII", shared_kela_bitmasked_base_cmp, a, b, &bm, &out);
@@ -153,6 +157,12 @@ TEST_F(NullArguments, EveryExportedFunction) {
     uint8_t inside[4] = {10, 1, 0, 0};
     value = {2, inside, 16, 0};
     ROW("100", shared_kela_prefix_match, &value, spec, SHARED_KELA_PREFIX_CMP_MATCH);
+    std::free(spec);
+    ASSERT_EQ(shared_kela_prefix_cvt_string_to_matchspec_acl("10.0.0.0", "0.255.255.255", "8", "24",
+                                                             &spec),
+              0u);
+    ROW("100", shared_kela_prefix_match_acl, &value, spec);
+    std::free(spec->mask);
     std::free(spec);
     ROW("tt", shared_kela_prefix_cvt_pfx_to_string, &value, 0);
     ROW("tttt", shared_kela_prefix_base_print, nullptr, a, &px);

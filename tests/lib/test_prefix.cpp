@@ -285,6 +285,11 @@ TEST_F(PrefixAttr, SetsTryEveryValueOfARoute) {
         EXPECT_EQ(route.calls, calls) << why;
     }
     kref_stmt_free(set);
+    set = compile("pfxmatch", {});  // an empty set asks for no value
+    Route failing{{v("10.0.0.0", 8)}, 5};
+    EXPECT_EQ(kt::eval(set, &failing), 0);
+    EXPECT_EQ(failing.calls, 0);
+    kref_stmt_free(set);
 }
 
 TEST_F(PrefixAttr, VerifierAndConstructorRefusals) {
