@@ -107,9 +107,6 @@ TEST(SegmentList, WhatCountsAsAFirstHeader) {
         }
         kel_shared_sl_destroy(sl);
     }
-    EXPECT_EQ(kel_shared_sl_create(1, nullptr), nullptr);
-    kel_shared_sl_destroy(nullptr);
-    EXPECT_EQ(kel_shared_sl_segment_reset(nullptr), -1);
 }
 
 TEST(SegmentList, LaterHeadersEndTheWalkWhenTheyDoNotFitAndResetRefuses) {
@@ -230,16 +227,13 @@ TEST_F(MatchesAny, InstanceKeepsItsOwnCopyOfTheDescriptor) {
     uint32_t v = 42;
     std::memcpy(route_ + 4, &v, 4);
     int32_t out = -1;
-    EXPECT_EQ(info.cmp(route_, 2, p.slots(), info.ctx, &out), 0u);
+    EXPECT_EQ(kt::nulls("0RIRR", info.cmp, route_, 2u, p.slots(), info.ctx, &out), "0RIRR");
     EXPECT_EQ(out, 1);
     EXPECT_EQ(info.cmp(route_, 0, p.slots(), info.ctx, nullptr), KEL_SHARED_ERR_NULL_INPUT)
         << "inputs are tested before the outcome pointer";
-    EXPECT_EQ(info.cmp(route_, 2, p.slots(), info.ctx, nullptr), KEL_SHARED_ERR_NULL_RESULT);
-    EXPECT_EQ(info.cmp(nullptr, 2, p.slots(), info.ctx, &out), KEL_SHARED_ERR_NULL_RESULT);
 
     EXPECT_EQ(shared_kela_uint32_cmp_any_free(info.ctx), 0u);
     EXPECT_EQ(rasf_free_cmp_instance(inst), 0u);
-    EXPECT_EQ(shared_kela_uint32_cmp_any_free(nullptr), 0u);
     auto *bare =
         static_cast<shared_kela_uint32_desc_td *>(calloc(1, sizeof(shared_kela_uint32_desc_td)));
     EXPECT_EQ(shared_kela_uint32_cmp_any_free(bare), 0u) << "a copy without value block";

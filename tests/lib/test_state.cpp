@@ -257,8 +257,6 @@ TEST_F(State, BaseFunctionsAndRetrievers) {
         EXPECT_EQ(std::exchange(out, 0), 1) << "any two routes are alike";
     }
     EXPECT_EQ(kref_attr_compare(track, &r, nullptr, &out), KEL_SHARED_ERR_NO_PARAM_ARRAY);
-    EXPECT_EQ(shared_kela_rhr_retr_veri(0, nullptr, &rhr_, nullptr),
-              KEL_SHARED_ERR_PARAMS_NOT_ALLOWED);
     rasf_inst_t *inst = nullptr;
     ASSERT_EQ(shared_kela_rhr_retr_cons(0, nullptr, nullptr, &rhr_, &inst), 0u);
     kref_inst_info_t info = kt::inst_info(inst);
