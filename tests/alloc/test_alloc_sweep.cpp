@@ -116,15 +116,21 @@ TEST_F(AllocSweep, ScalarTypes) {
         Params p;
         void *desc;
         std::set<vogno> allowed;
-        vogno clean;
+        vogno clean = 0;
     } verifiers[] = {
         // clang-format off
-        {"uint8 range refusal", le.verify, {"300"}, &u8, {KEL_SHARED_ERR_ABOVE_MAX}, KEL_SHARED_ERR_ABOVE_MAX},
-        {"uint8 refusal of a word", le.verify, {"ten"}, &u8, {kBadValue}, kBadValue},
-        {"enum refusal", shared_kela_enum_set_assign_veri, {"blue"}, &en, {kBadValue}, kBadValue},
-        {"bit-masked matches-any", any.verify, {"arg0:1", "ab", "arg1:1", "abc"}, &bm, {kBadValue}, 0},
-        {"ipv4", shared_kela_ipv4_cmp_match_veri, {"10.1.0.0", "16", "16", "32"}, &v4, {kNoMemory}, 0},
-        {"prefix assign", shared_kela_prefix_set_assign_veri, {"10.0.0.1"}, &desc, {0u}, 0},
+        {.what = "uint8 range refusal", .fn = le.verify, .p = {"300"}, .desc = &u8,
+         .allowed = {KEL_SHARED_ERR_ABOVE_MAX}, .clean = KEL_SHARED_ERR_ABOVE_MAX},
+        {.what = "uint8 refusal of a word", .fn = le.verify, .p = {"ten"}, .desc = &u8,
+         .allowed = {kBadValue}, .clean = kBadValue},
+        {.what = "enum refusal", .fn = shared_kela_enum_set_assign_veri, .p = {"blue"}, .desc = &en,
+         .allowed = {kBadValue}, .clean = kBadValue},
+        {.what = "bit-masked matches-any", .fn = any.verify, .p = {"arg0:1", "ab", "arg1:1", "abc"}, .desc = &bm,
+         .allowed = {kBadValue}},
+        {.what = "ipv4", .fn = shared_kela_ipv4_cmp_match_veri, .p = {"10.1.0.0", "16", "16", "32"}, .desc = &v4,
+         .allowed = {kNoMemory}},
+        {.what = "prefix assign", .fn = shared_kela_prefix_set_assign_veri, .p = {"10.0.0.1"}, .desc = &desc,
+         .allowed = {0u}},
     };  // clang-format on
     for (Verifier &v : verifiers)
         sweep(

@@ -40,11 +40,11 @@ struct Refusal {
 };
 
 struct Row {
-    const char *attr;  // registered attribute, or null for a direct constructor
-    kref_kind_t kind;
-    const char *op;  // null: the retriever
-    Texts valid;
-    std::vector<Refusal> refusals;
+    const char *attr = nullptr;  // registered attribute, or null for a direct constructor
+    kref_kind_t kind = KREF_CMP;
+    const char *op = nullptr;  // null: the retriever
+    Texts valid = {};
+    std::vector<Refusal> refusals = {};
     rasf_construct_fn direct = nullptr;  // constructors no registration uses
     // After a failed allocation other than the first (the first makes the
     // context, before anything is built).
@@ -72,31 +72,39 @@ std::vector<Row> rows() {
     std::vector<Row> r;
     for (const char *a : {"u8", "u16", "u32"}) {
         for (const char *op : {"exact-match", "le", "ge"})
-            r.push_back({a, KREF_CMP, op, {"7"}, {
+            r.push_back({.attr = a, .kind = KREF_CMP, .op = op, .valid = {"7"}, .refusals = {
                 {{"7", "8"}, kAsIs, kCount, U}, {{kVar}, kAsIs, kNullParam, U},
                 {{"7"}, kNoSlots, kNullInput, U}}});
-        r.push_back({a, KREF_SET, "assign", {"7"}, {
+        r.push_back({.attr = a, .kind = KREF_SET, .op = "assign", .valid = {"7"}, .refusals = {
             {{"7", "8"}, kAsIs, kCount, U}, {{"7"}, kNoParams, kNullInput, U},
             {{kVar}, kAsIs, kNullParam, U}}});
-        r.push_back({a, KREF_RETR, nullptr, {}, {}});
+        r.push_back({.attr = a, .kind = KREF_RETR});
     }
-    r.push_back({"u32", KREF_CMP, "matches-any", seg({{"5"}, {"7"}}), {
+    r.push_back({.attr = "u32", .kind = KREF_CMP, .op = "matches-any", .valid = seg({{"5"}, {"7"}}),
+                 .refusals = {
         {seg({{"5"}}), kNoDesc, kNoArray, U}, {{}, kAsIs, kNullInput, U},
         {seg({{"5"}, {"x"}}), kAsIs, kBad, U}, {seg({{"5", "6"}}), kAsIs, 4, U},
         {{"5"}, kAsIs, kNullInput, U}, {{"arg1:1", "5"}, kAsIs, kNullInput, U},
         {seg({{"5"}}), kNoParams, kNullInput, U}, {seg({{"5"}}), kNoSlots, kNullInput, U}}});
     for (kref_kind_t kind : {KREF_CMP, KREF_SET})
-        r.push_back({"en", kind, kind == KREF_CMP ? "exact-match" : "assign", {"red"}, {
+        r.push_back({.attr = "en", .kind = kind, .op = kind == KREF_CMP ? "exact-match" : "assign",
+                     .valid = {"red"},
+                     .refusals = {
             {{"blue"}, kAsIs, kBad, U}, {{"red", "red"}, kAsIs, kCount, U}}});
-    r.push_back({"en", KREF_RETR, nullptr, {"x"}, {}});
+    r.push_back({.attr = "en", .kind = KREF_RETR, .valid = {"x"}});
     for (kref_kind_t kind : {KREF_CMP, KREF_SET})
-        r.push_back({"bm", kind, kind == KREF_CMP ? "exact-match" : "assign", {"ab"}, {
+        r.push_back({.attr = "bm", .kind = kind, .op = kind == KREF_CMP ? "exact-match" : "assign",
+                     .valid = {"ab"},
+                     .refusals = {
             {{"bad"}, kAsIs, kClient, U}, {{"ab", "ab"}, kAsIs, kCount, U}}});
-    r.push_back({"bm", KREF_CMP, "matches-any", seg({{"a"}, {"abc"}}), {
+    r.push_back({.attr = "bm", .kind = KREF_CMP, .op = "matches-any",
+                 .valid = seg({{"a"}, {"abc"}}),
+                 .refusals = {
         {seg({{"a"}, {"bad"}}), kAsIs, kClient, U}, {seg({{"a", "b"}}), kAsIs, 4, U},
         {{"a"}, kAsIs, kNullInput, U}, {{}, kAsIs, kCount, U}}});
-    r.push_back({"bm", KREF_RETR, nullptr, {"x"}, {}});
-    r.push_back({"fl", KREF_SET, "assign", {"blackhole"}, {
+    r.push_back({.attr = "bm", .kind = KREF_RETR, .valid = {"x"}});
+    r.push_back({.attr = "fl", .kind = KREF_SET, .op = "assign", .valid = {"blackhole"},
+                 .refusals = {
         {{"nope"}, kAsIs, kClient, U}, {{"blackhole", "x"}, kAsIs, kCount, U}}});
     // Wild, length-form, one key with three entries, mask form and IPv6.
     const Texts set = seg({{"0.0.0.0", "0", "0", "8"}, {"10.0.0.0", "8", "8", "24"},
@@ -104,44 +112,49 @@ std::vector<Row> rows() {
                            {"172.16.0.0", "0.15.255.255", "16", "24"},
                            {"2001:db8::", "32", "32", "48"}});
     for (const char *op : {"pfxmatch", "pfxlonger", "pfxorlonger"})
-        r.push_back({"px", KREF_CMP, op, set, {
+        r.push_back({.attr = "px", .kind = KREF_CMP, .op = op, .valid = set, .refusals = {
             {set, kNoDesc, kNoArray, U}, {{kVar}, kAsIs, kVariable, U},
             {seg({{"10.0.0.0", "8", "8", "24"}, {"10.0.0.300", "8", "8", "8"}}), kAsIs, 4, U},
             {seg({{"10.0.0.0", "8", "8", "24"}, {"10.0.0.0", "8"}}), kAsIs, 4, U},
             {{"10.0.0.0", "8", "8", "24"}, kAsIs, kBad, U}}});
-    r.push_back({"px", KREF_CMP, "covered", {}, {}});
-    r.push_back({"px", KREF_SET, "assign", {"10.0.0.1"}, {
+    r.push_back({.attr = "px", .kind = KREF_CMP, .op = "covered"});
+    r.push_back({.attr = "px", .kind = KREF_SET, .op = "assign", .valid = {"10.0.0.1"},
+                 .refusals = {
         {{"10.0.0.1", "x"}, kAsIs, kCount, U}, {{"10.0.0.1"}, kNoParams, kNullParam, U},
         {{kVar}, kAsIs, kNullParam, U}}});
     const Texts four = {"10.1.0.0", "16", "16", "32"};
-    r.push_back({"v4", KREF_CMP, "pfxmatch", four, {
+    r.push_back({.attr = "v4", .kind = KREF_CMP, .op = "pfxmatch", .valid = four, .refusals = {
         {four, kNoDesc, kNoArray, U}, {four, kNoSlots, kNullInput, U},
         {{"10.1.0.300", "16", "16", "32"}, kAsIs, kBad, U}}});
-    r.push_back({"mac", KREF_CMP, "macaddrmatch", seg({{"0011.2233.4455"}, {"abab.abab.abab"}}), {
+    r.push_back({.attr = "mac", .kind = KREF_CMP, .op = "macaddrmatch",
+                 .valid = seg({{"0011.2233.4455"}, {"abab.abab.abab"}}),
+                 .refusals = {
         {seg({{"0011.2233.4455"}}), kNoDesc, kNoArray, U},
         {seg({{"0011.2233.4455"}, {nullptr}}), kAsIs, kNullParam, U},
         {seg({{"0011.2233.4455"}, {"a", "b"}}), kAsIs, 4, U}, {{kVar}, kAsIs, kVariable, U}}});
     // "in" has started to build once its context exists: every refusal from
     // then on hands back null.
     const Texts host = seg({{"10.0.0.0", "8", "8", "8"}});
-    r.push_back({"rib-has-route", KREF_CMP, "in",
-                 seg({{"10.0.0.0", "8", "8", "24"}, {"2001:db8::", "32", "32", "32"}}), {
+    r.push_back({.attr = "rib-has-route", .kind = KREF_CMP, .op = "in",
+                 .valid = seg({{"10.0.0.0", "8", "8", "24"}, {"2001:db8::", "32", "32", "32"}}),
+                              .refusals = {
         {host, kNoDesc, kNoArray, U}, {{kVar}, kAsIs, kVariable, U},
         {seg({{"10.0.0.0", "8", "8", "8"}, {"10.0.0.0", "8", "16", "24"}}), kAsIs, 4, N},
         {seg({{"10.0.0.0", "8", "8", "8"}, {"10.0.0.300", "8", "8", "8"}}), kAsIs, 4, N},
         {seg({{"10.0.0.0", "8", "8", "8"}, {"10.0.0.0", "8", "8"}}), kAsIs, 4, N},
-        {{"10.0.0.0", "8", "8", "8"}, kAsIs, kBad, N}}, nullptr, N});
-    r.push_back({"rib-has-route", KREF_CMP, "async",
-                 seg({{"10.0.0.0", "8", "8", "8"}, {"2001:db8::", "32", "32", "32"}}), {
+        {{"10.0.0.0", "8", "8", "8"}, kAsIs, kBad, N}}, .late_alloc = N});
+    r.push_back({.attr = "rib-has-route", .kind = KREF_CMP, .op = "async",
+                 .valid = seg({{"10.0.0.0", "8", "8", "8"}, {"2001:db8::", "32", "32", "32"}}),
+                              .refusals = {
         {host, kNoDesc, kNoArray, U}, {host, kNoSlots, kNullInput, U},
         {{kVar}, kAsIs, kVariable, U}}});
     const Texts is = {"x", "T1", "up"};
-    r.push_back({"track", KREF_CMP, "is", is, {
+    r.push_back({.attr = "track", .kind = KREF_CMP, .op = "is", .valid = is, .refusals = {
         {is, kNoDesc, kNoArray, U}, {is, kNoSlots, kNullInput, U}}});
     // Retriever constructors a client may register on its own.
     for (rasf_construct_fn f : {shared_kela_prefix_retr_cons, shared_kela_ipv4_retr_cons,
                                 shared_kela_rhr_retr_cons})
-        r.push_back({nullptr, KREF_RETR, nullptr, {}, {}, f});
+        r.push_back({.kind = KREF_RETR, .direct = f});
     return r;
 }
 // clang-format on
@@ -280,7 +293,7 @@ TEST_F(Constructors, EveryRegisteredConstructorHasARow) {
             for (std::size_t i = 0; i < kref_attr_op_count(attr, kind); ++i) {
                 kref_op_info_t op{};
                 ASSERT_EQ(kref_attr_op_at(attr, kind, i, &op), 0u);
-                Row probe{kref_attr_name(attr), kind, op.name, {}, {}};
+                Row probe{.attr = kref_attr_name(attr), .kind = kind, .op = op.name};
                 EXPECT_TRUE(covered.count(label(probe))) << label(probe) << " has no row";
             }
     }

@@ -226,14 +226,15 @@ inline char code(vogno st) {
         {KEL_SHARED_ERR_NULL_INPUT, 'I'},  {KEL_SHARED_ERR_NULL_RESULT, 'R'},
         {KEL_SHARED_ERR_NULL_PARAM, 'P'},  {KEL_SHARED_ERR_NO_PARAM_ARRAY, 'A'},
         {KEL_SHARED_ERR_PARAM_COUNT, 'C'}, {KEL_SHARED_ERR_VARIABLE, 'V'},
-        {KEL_SHARED_ERR_BAD_VALUE, 'B'},   {KEL_SHARED_ERR_PARAMS_NOT_ALLOWED, 'E'}};
+        {KEL_SHARED_ERR_BAD_VALUE, 'B'},   {KEL_SHARED_ERR_PARAMS_NOT_ALLOWED, 'E'},
+        {KEL_SHARED_ERR_NO_LOCATIONS, 'L'}};
     if (st < 10) return static_cast<char>('0' + st);
     for (auto [s, c] : kLetters)
         if (s == st) return c;
     return '?';
 }
 inline char code(int32_t n) {
-    return n < 0 ? '-' : '+';
+    return n < 0 ? '-' : n < 10 ? static_cast<char>('0' + n) : '+';
 }
 inline char code(char *text) {
     std::free(text);

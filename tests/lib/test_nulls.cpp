@@ -5,8 +5,9 @@
 // turn, the others as given.  A row's code has one letter per call:
 //   0 success, another digit that bare number, I KEL_SHARED_ERR_NULL_INPUT,
 //   R _NULL_RESULT, P _NULL_PARAM, A _NO_PARAM_ARRAY, C _PARAM_COUNT,
-//   V _VARIABLE, B _BAD_VALUE, E _PARAMS_NOT_ALLOWED, ? another status;
-//   t a text or record, n none (null), - a negative count, + a count,
+//   V _VARIABLE, B _BAD_VALUE, E _PARAMS_NOT_ALLOWED, L _NO_LOCATIONS,
+//   ? another status;
+//   t a text or record, n none (null), - a negative number, + one above 9,
 //   . returned (no result), x not called: null is not accepted there.
 // (kt::nulls in support.hpp.)  The constructors' null arguments are in
 // tests/alloc's table of every constructor.
@@ -27,6 +28,7 @@ void release() {
     std::free(std::exchange(g_held_locs, nullptr));
     std::free(std::exchange(g_held_v4, nullptr));
     std::free(std::exchange(g_held_spec, nullptr));
+    kref_reset();  // what a registration registered
 }
 
 vogno get_prefix(void *, void *route, shared_kela_prefix_addr_td *v, uint32_t *more) {
@@ -89,11 +91,20 @@ TEST_F(NullArguments, EveryExportedFunction) {
     shared_kela_pcl_query_pfx_ctx_t query{};
     kel_shared_sl_td *sl = kel_shared_sl_create(list.count(), list.vec());
     // clang-format off
+    // Registration: a null list is empty ("in" needs an operator location),
+    // a null descriptor refused unless the type has a fixed name.
+    const char *const *l = kt::kLocations;
+    char buf[64];
+    ROW("000I0000", shared_kela_uint8_base_init_v2, &u, buf, 64, &t.u8, l, l, l, l);
+    ROW("000I", shared_kela_uint16_base_init, &u, buf, 64, &t.u16);
+    ROW("000I", shared_kela_ipv4_base_init, &u, buf, 64, &t.v4);
+    ROW("0000L000", shared_kela_rhr_base_init, &u, buf, 64, &t.rhr, l, l, l, l);
+    ROW("0000L000", shared_kela_track_base_init, &u, buf, 64, &u, l, nullptr, nullptr, nullptr);
     // Start-up and the segment list (its other functions take no null list).
     ROW("0R0000", kela_shared_merge_locations, &g_held_locs, kt::kLocations, kt::kLocations, kt::kLocations, kt::kLocations);
     ROW("tn", kel_shared_sl_create, list.count(), list.vec());
-    ROW("+-", kel_shared_sl_reset, sl);
-    ROW("+-", kel_shared_sl_segment_reset, sl);
+    ROW("1-", kel_shared_sl_reset, sl);
+    ROW("1-", kel_shared_sl_segment_reset, sl);
     kel_shared_sl_destroy(sl);
     ROW("..", kel_shared_sl_destroy, nullptr);
     // The integer widths.
@@ -117,6 +128,10 @@ TEST_F(NullArguments, EveryExportedFunction) {
     ROW("0IA0", shared_kela_enum_cmp_match_veri, 1, red.vec(), &t.en, m);
     ROW("0IA0", shared_kela_enum_set_assign_veri, 1, red.vec(), &t.en, m);
     ROW("0V00", shared_kela_enum_retr_veri, 1, x.vec(), &t.en, m);
+    rasf_inst_t *inst = nullptr;  // the retriever of both word types
+    ASSERT_EQ(shared_kela_enum_retr_cons(0, nullptr, nullptr, &t.en, &inst), 0u);
+    ROW("0R00RR", kt::inst_info(inst).retrieve, a, nullptr, nullptr, &u, &t.en);
+    rasf_free_retriever_instance(inst);
     ROW("tttn", shared_kela_bitmasked_base_print, nullptr, a, &bm);
     ROW("nnnn", shared_kela_bitmasked_base_print, nullptr, a, &t.bm);
     ROW("0IIII", shared_kela_bitmasked_base_cmp, a, b, &bm, &out);
@@ -137,6 +152,18 @@ TEST_F(NullArguments, EveryExportedFunction) {
     ROW("0BBBBR", shared_kela_prefix_cvt_string_to_matchspec, "10.0.0.0", "8", "8", "24", &g_held_spec);
     ROW("xBBBBR", shared_kela_prefix_cvt_string_to_matchspec_acl, "10.0.0.0", "0.255.0.0", "8", "24", &g_held_spec);
     ROW("0II", shared_kela_prefix_ipaddr_to_pfxaddr, &ip, &value);
+    shared_kela_prefix_matchspec_td *spec = nullptr;
+    ASSERT_EQ(shared_kela_prefix_cvt_string_to_matchspec("10.0.0.0", "8", "8", "24", &spec), 0u);
+    uint8_t inside[4] = {10, 1, 0, 0};
+    value = {2, inside, 16, 0};
+    ROW("100", shared_kela_prefix_match, &value, spec, SHARED_KELA_PREFIX_CMP_MATCH);
+    std::free(spec);
+    ASSERT_EQ(shared_kela_prefix_cvt_string_to_matchspec_acl("10.0.0.0", "0.255.255.255", "8", "24",
+                                                             &spec),
+              0u);
+    ROW("100", shared_kela_prefix_match_acl, &value, spec);
+    std::free(spec->mask);
+    std::free(spec);
     ROW("tt", shared_kela_prefix_cvt_pfx_to_string, &value, 0);
     ROW("tttt", shared_kela_prefix_base_print, nullptr, a, &px);
     ROW("0IIIR", shared_kela_prefix_base_cmp, a, b, &px, &out);
@@ -160,6 +187,9 @@ TEST_F(NullArguments, EveryExportedFunction) {
     ROW("0IIRR", shared_kela_mac_address_base_cmp, a, b, &mac, &out);
     ROW("RIIRR", shared_kela_mac_address_base_cmp, a, b, &t.mac, &out);
     ROW("0IR0", shared_kela_mac_address_cmp_match_veri, macs.count(), macs.vec(), &mac, m);
+    shared_kela_mac_address_match_ctx_td ctx{nullptr, get_mac}, no_getter{nullptr, nullptr};
+    ROW("00IAR", shared_kela_mac_address_cmp_match_run, a, 1u, one.slots(), &ctx, &out);
+    ROW("AAIAR", shared_kela_mac_address_cmp_match_run, a, 1u, one.slots(), &no_getter, &out);
     ROW("00", shared_kela_mac_address_cmp_match_free, nullptr);
     ROW("0I00", shared_kela_rhr_cmp_match_veri, rhr.count(), rhr.vec(), &t.rhr, m);
     ROW("0I00", shared_kela_rhr_cmp_async_veri, rhr.count(), rhr.vec(), &t.rhr, m);

@@ -30,29 +30,28 @@ struct Entry {
 // leading bytes (base + rng() % mod * step; mod 0: any byte), then the
 // length (below r of 100: base + rng() % spread).
 struct Shape {
-    const char *name;
-    bool v6;
-    int entries;
-    std::array<std::array<int, 3>, 3> lead;
-    std::vector<std::array<int, 3>> lens;
+    const char *name = "";
+    bool v6 = false;
+    int entries = 0;
+    std::array<std::array<int, 3>, 3> lead = {};
+    std::vector<std::array<int, 3>> lens = {};
 };
 
 const Shape kShapes[] = {
     // Many /24s under few short prefixes, /16 to /23 between them: long
     // covering chains and regions dense enough for tables.
-    {"table_v4",
-     false,
-     60000,
-     {{{1, 30, 7}, {0, 20, 1}}},
-     {{2, 8, 5}, {12, 16, 6}, {35, 22, 2}, {95, 24, 1}, {100, 25, 8}}},
+    {.name = "table_v4",
+     .entries = 60000,
+     .lead = {{{1, 30, 7}, {0, 20, 1}}},
+     .lens = {{2, 8, 5}, {12, 16, 6}, {35, 22, 2}, {95, 24, 1}, {100, 25, 8}}},
     // /48s under /32s under a few shorter blocks, some to /64.
-    {"table_v6",
-     true,
-     30000,
-     {{{0x2a, 1, 1}, {0, 8, 1}, {0, 16, 1}}},
-     {{3, 19, 10}, {30, 32, 1}, {45, 33, 15}, {92, 48, 1}, {100, 49, 16}}},
+    {.name = "table_v6",
+     .v6 = true,
+     .entries = 30000,
+     .lead = {{{0x2a, 1, 1}, {0, 8, 1}, {0, 16, 1}}},
+     .lens = {{3, 19, 10}, {30, 32, 1}, {45, 33, 15}, {92, 48, 1}, {100, 49, 16}}},
     // A small filter: keys anywhere, one or two entries deep.
-    {"sparse_v4", false, 800, {}, {{100, 8, 25}}},
+    {.name = "sparse_v4", .entries = 800, .lens = {{100, 8, 25}}},
 };
 
 void draw(const Shape &s, std::mt19937 &rng, Entry &e) {

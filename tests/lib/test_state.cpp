@@ -86,28 +86,28 @@ TEST_F(State, VerifierRules) {
     const char *const mismatch = "Parameter mismatch.";
     const std::string name32(32, 'n');
     const char *const track_bad = "malformed track parameters";
+    const vogno bad = KEL_SHARED_ERR_BAD_VALUE;
     std::vector<std::vector<const char *>> sixteen(16, {"10.0.0.0", "8", "8", "8"});
     struct Case {
         const char *attr, *op;
         std::vector<std::vector<const char *>> items;
-        vogno status;
-        const char *message;
+        kt::Verdict want;
     };
     const Case cases[] = {
-        {"rib-has-route", "in", {{"10.0.0.0", "8", "8", "24"}}, 0, nullptr},
-        {"rib-has-route", "in", {{"10.0.0.0", "8 ", "8", "8"}}, KEL_SHARED_ERR_BAD_VALUE, invalid},
-        {"rib-has-route", "in", {{"10.0.0.0", "8", "8"}}, 4, mismatch},
-        {"rib-has-route", "async", {{"10.0.0.0", "8", "16", "16"}}, 3, gaps},
-        {"rib-has-route", "async", sixteen, 0, nullptr},
-        {"track", "is", {{"x"}, {name32.c_str()}, {"up"}}, 0, nullptr},
-        {"track", "is", {{"x"}, {"T1"}, {"down"}}, 0, nullptr},
-        {"track", "is", {{"x"}, {"T1"}}, KEL_SHARED_ERR_BAD_VALUE, track_bad},
-        {"track", "is", {{"x"}, {"T1"}, {"up"}, {"y"}}, KEL_SHARED_ERR_BAD_VALUE, track_bad},
+        {"rib-has-route", "in", {{"10.0.0.0", "8", "8", "24"}}, {0, "<null>"}},
+        {"rib-has-route", "in", {{"10.0.0.0", "8 ", "8", "8"}}, {bad, invalid}},
+        {"rib-has-route", "in", {{"10.0.0.0", "8", "8"}}, {4, mismatch}},
+        {"rib-has-route", "async", {{"10.0.0.0", "8", "16", "16"}}, {3, gaps}},
+        {"rib-has-route", "async", sixteen, {0, "<null>"}},
+        {"track", "is", {{"x"}, {name32.c_str()}, {"up"}}, {0, "<null>"}},
+        {"track", "is", {{"x"}, {"T1"}, {"down"}}, {0, "<null>"}},
+        {"track", "is", {{"x"}, {"T1"}}, {bad, track_bad}},
+        {"track", "is", {{"x"}, {"T1"}, {"up"}, {"y"}}, {bad, track_bad}},
     };
     for (const Case &c : cases) {
         std::string msg;
-        kref_stmt_free(compile(c.attr, c.op, c.items, c.status, &msg));
-        EXPECT_EQ(msg, c.message ? c.message : "<null>") << c.op << " " << c.items[0][0];
+        kref_stmt_free(compile(c.attr, c.op, c.items, c.want.status, &msg));
+        EXPECT_EQ(msg, c.want.message) << c.op << " " << c.items[0][0];
     }
     char *m = nullptr;
     EXPECT_EQ(shared_kela_rhr_cmp_match_veri(0, nullptr, &rhr_, &m), KEL_SHARED_ERR_NULL_INPUT);
@@ -214,6 +214,10 @@ TEST_F(State, TrackFollowsTheObjectsState) {
     int32_t out = 77;
     EXPECT_EQ(info.cmp(nullptr, 3, nullptr, info.ctx, &out), 0u);
     EXPECT_EQ(out, 77) << "before the first update the outcome is left alone";
+    kref_eval_rec_t any{};
+    kt::Params no_name{"x", std::nullopt, "up"}, no_state{"x", "T1", std::nullopt};
+    for (kt::Params *p : {&no_name, &no_state})
+        EXPECT_EQ(info.update(&any, info.ctx, 3, p->vec()), KEL_SHARED_ERR_NULL_INPUT);
 
     kref_trace_start();
     kref_eval_rec_t rec{};
@@ -253,8 +257,6 @@ TEST_F(State, BaseFunctionsAndRetrievers) {
         EXPECT_EQ(std::exchange(out, 0), 1) << "any two routes are alike";
     }
     EXPECT_EQ(kref_attr_compare(track, &r, nullptr, &out), KEL_SHARED_ERR_NO_PARAM_ARRAY);
-    EXPECT_EQ(shared_kela_rhr_retr_veri(0, nullptr, &rhr_, nullptr),
-              KEL_SHARED_ERR_PARAMS_NOT_ALLOWED);
     rasf_inst_t *inst = nullptr;
     ASSERT_EQ(shared_kela_rhr_retr_cons(0, nullptr, nullptr, &rhr_, &inst), 0u);
     kref_inst_info_t info = kt::inst_info(inst);
