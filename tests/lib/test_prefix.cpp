@@ -146,7 +146,9 @@ TEST(PrefixPrint, ValuesAndHostPrefixes) {
     for (auto [text, family, bytes, len] :
          {std::tuple{"192.0.2.1", 2, 4, 32}, {"2001:db8::", 10, 16, 128}}) {
         ip_addr_t ip;
+        std::memset(&ip, 0xff, sizeof ip);
         ASSERT_EQ(shared_kela_prefix_cvt_string_to_ipaddr(text, &ip, nullptr), 0u);
+        EXPECT_EQ(ip.addr[15], 0) << "cleared first";
         shared_kela_prefix_addr_td host{0, nullptr, 0, 7};
         ASSERT_EQ(shared_kela_prefix_ipaddr_to_pfxaddr(&ip, &host), 0u);
         EXPECT_EQ(std::tuple(ip.family, ip.length, host.family, host.len, host.free_addr),
