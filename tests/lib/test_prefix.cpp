@@ -301,9 +301,9 @@ TEST_F(PrefixAttr, VerifierAndConstructorRefusals) {
     Params acl{"arg0:4", "10.0.0.0", "0.255.255.255", "x", "y"};
     EXPECT_EQ(shared_kela_prefix_cmp_match_veri(acl.count(), acl.vec(), &desc_, nullptr), 0u)
         << "the verifier does not examine the bounds of address/mask entries";
-    Params v6{"arg0:4", "2001:db8::1", "128", "128", "128"};
-    EXPECT_EQ(shared_kela_prefix_cmp_match_veri(v6.count(), v6.vec(), &desc_, nullptr), 0u)
-        << "three characters are a length, more a mask";
+    Params v6{"arg0:4", "2001:db8::1", "128", "128", "128"}, mask{"arg0:4", "::", "::ff", "0", "8"};
+    for (Params *p : {&v6, &mask})  // three characters are a length, more a mask
+        EXPECT_EQ(shared_kela_prefix_cmp_match_veri(p->count(), p->vec(), &desc_, nullptr), 0u);
     compile("pfxmatch", {{"10.0.0.0", "0.255.255.255", "x", "y"}}, 4);  // the build does
     compile("pfxmatch", {{"10.0.0.0", "0.255.255.25x", "8", "8"}}, KEL_SHARED_ERR_BAD_VALUE);
 
@@ -414,7 +414,9 @@ TEST(PrefixDecode, FlagsChooseWhatIsKeptAppendsAndFailuresKeep) {
             EXPECT_EQ(std::tuple(q.status, q.count), std::tuple(0u, round * kept)) << flags;
         }
         if (kept == 1) {
-            EXPECT_EQ(q.pfxs[0]->le, flags == 1 ? 8 : 24);
+            const shared_kela_prefix_matchspec_td *e = q.pfxs[0];
+            EXPECT_EQ((std::tuple<int, int, int>(e->len, e->ge, e->le)),
+                      flags == 1 ? std::tuple(8, 8, 8) : std::tuple(8, 16, 24));
         }
         shared_kela_free_query_ctx(&q);
         EXPECT_EQ(std::tuple(q.pfxs, q.count, q.flags), std::tuple(nullptr, 0, 0u));
@@ -441,7 +443,6 @@ TEST(PrefixDecode, FlagsChooseWhatIsKeptAppendsAndFailuresKeep) {
         EXPECT_EQ(std::tuple(q.status, q.count), std::tuple(status, count)) << n;
     }
     shared_kela_free_query_ctx(&q);
-    shared_kela_free_query_ctx(nullptr);
 }
 
 }  // namespace
