@@ -292,6 +292,11 @@ TEST_F(PrefixAttr, SetsTryEveryValueOfARoute) {
     EXPECT_EQ(kt::eval(set, &failing), 0);
     EXPECT_EQ(failing.calls, 0);
     kref_stmt_free(set);
+    // Entries that differ in le alone are both kept, not taken for one.
+    set = compile("pfxmatch", {{"0.0.0.0", "0", "0", "0"}, {"0.0.0.0", "0", "0", "24"}});
+    Route eight{{v("10.0.0.0", 8)}};
+    EXPECT_EQ(kt::eval(set, &eight), 1);
+    kref_stmt_free(set);
 }
 
 TEST_F(PrefixAttr, VerifierAndConstructorRefusals) {
