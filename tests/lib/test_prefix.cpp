@@ -292,11 +292,19 @@ TEST_F(PrefixAttr, SetsTryEveryValueOfARoute) {
     EXPECT_EQ(kt::eval(set, &failing), 0);
     EXPECT_EQ(failing.calls, 0);
     kref_stmt_free(set);
-    // Entries that differ in le alone are both kept, not taken for one.
-    set = compile("pfxmatch", {{"0.0.0.0", "0", "0", "0"}, {"0.0.0.0", "0", "0", "24"}});
-    Route eight{{v("10.0.0.0", 8)}};
-    EXPECT_EQ(kt::eval(set, &eight), 1);
-    kref_stmt_free(set);
+    // Entries that differ in le alone are both kept, not taken for one; a
+    // mask entry is filed with its own mask, not one that agrees on 3 bytes.
+    for (auto [a, b, at] :
+         {std::tuple{std::vector<const char *>{"0.0.0.0", "0", "0", "0"},
+                     std::vector<const char *>{"0.0.0.0", "0", "0", "24"}, v("10.0.0.0", 8)},
+          {{"10.0.1.0", "0.0.0.0", "32", "32"},
+           {"10.0.0.0", "0.0.0.255", "32", "32"},
+           v("10.0.0.7", 32)}}) {
+        set = compile("pfxmatch", {a, b});
+        Route r{{at}};
+        EXPECT_EQ(kt::eval(set, &r), 1) << b[0] << " " << b[1];
+        kref_stmt_free(set);
+    }
 }
 
 TEST_F(PrefixAttr, VerifierAndConstructorRefusals) {
