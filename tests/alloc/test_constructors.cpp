@@ -116,6 +116,7 @@ std::vector<Row> rows() {
             {set, kNoDesc, kNoArray, U}, {{kVar}, kAsIs, kVariable, U},
             {seg({{"10.0.0.0", "8", "8", "24"}, {"10.0.0.300", "8", "8", "8"}}), kAsIs, 4, U},
             {seg({{"10.0.0.0", "8", "8", "24"}, {"10.0.0.0", "8"}}), kAsIs, 4, U},
+            {seg({{"10.0.0.0", "8", "8", "24"}, {nullptr, "8", "8", "8"}}), kAsIs, 4, U},
             {{"10.0.0.0", "8", "8", "24"}, kAsIs, kBad, U}}});
     r.push_back({.attr = "px", .kind = KREF_CMP, .op = "covered"});
     r.push_back({.attr = "px", .kind = KREF_SET, .op = "assign", .valid = {"10.0.0.1"},

@@ -131,6 +131,10 @@ TEST_F(Named, BitmaskedAssignWritesTheValueAndOrsTheMask) {
     ASSERT_EQ(cons(1, trailing.vec(), trailing.slots(), &bits_, &inst), 0u);
     EXPECT_EQ(trailing.slot_u32(0), 7u);
     rasf_free_cmp_instance(inst);
+    ASSERT_EQ(
+        shared_kela_bitmasked_set_assign_cons(1, trailing.vec(), trailing.slots(), &bits_, &inst),
+        0u);
+    rasf_free_set_instance(inst);
 }
 
 // The walk over the list is the integers' "matches-any" (tested there, and
@@ -141,9 +145,13 @@ TEST_F(Named, BitmaskedMatchesAnyRefusals) {
     // A refused constant is reported by its status alone.
     Params refused{"arg0:1", "v1", "arg1:1", "bad"};
     EXPECT_EQ(kt::verify(info.verify, &bits_, &refused), (Verdict{0x2222u, "<null>"}));
-    EXPECT_EQ(kt::verify(info.verify, &bits_, nullptr, 0),
-              (Verdict{KEL_SHARED_ERR_PARAM_COUNT, "Internal error: no parameters"}));
+    Params trailing{"arg0:1", "v7x"};  // converted strictly by both
+    EXPECT_EQ(kt::verify(info.verify, &bits_, &trailing).status, 0x3333u);
     rasf_inst_t *inst = nullptr;
+    EXPECT_EQ(info.construct(2, trailing.vec(), trailing.slots(), &bits_, &inst), 0x3333u);
+    for (auto [p, n] : {std::pair{&refused, 0}, {nullptr, 2}})  // no count, or no vector
+        EXPECT_EQ(kt::verify(info.verify, &bits_, p, n),
+                  (Verdict{KEL_SHARED_ERR_PARAM_COUNT, "Internal error: no parameters"}));
     EXPECT_EQ(info.construct(refused.count(), nullptr, refused.slots(), &bits_, &inst),
               KEL_SHARED_ERR_NULL_PARAM);
 }

@@ -39,6 +39,9 @@ vogno get_prefix(void *, void *route, shared_kela_prefix_addr_td *v, uint32_t *m
 vogno set_prefix(shared_kela_prefix_desc_td *, void *, void *, shared_kela_prefix_desc_td *) {
     return 0;
 }
+vogno no_mac(void *, void *, uint8_t *) {
+    return 7;
+}
 vogno get_mac(void *, void *, uint8_t *value) {
     std::memset(value, 0xab, 6);
     return 0;
@@ -164,6 +167,13 @@ TEST_F(NullArguments, EveryExportedFunction) {
     ROW("100", shared_kela_prefix_match_acl, &value, spec);
     std::free(spec->mask);
     std::free(spec);
+    for (auto [family, text] : {std::pair{2, "10.0.0.0"}, {10, "2001:db8::"}}) {
+        ASSERT_EQ(shared_kela_prefix_cvt_string_to_matchspec(text, "8", "8", "24", &spec), 0u);
+        value = {static_cast<uint8_t>(family), spec->addr, 16, 0};
+        ROW("000", shared_kela_prefix_match_acl, &value, spec) << "a length-form entry";
+        std::free(spec);
+    }
+    value = {2, inside, 16, 0};
     ROW("tt", shared_kela_prefix_cvt_pfx_to_string, &value, 0);
     ROW("tttt", shared_kela_prefix_base_print, nullptr, a, &px);
     ROW("0IIIR", shared_kela_prefix_base_cmp, a, b, &px, &out);
@@ -187,8 +197,10 @@ TEST_F(NullArguments, EveryExportedFunction) {
     ROW("0IIRR", shared_kela_mac_address_base_cmp, a, b, &mac, &out);
     ROW("RIIRR", shared_kela_mac_address_base_cmp, a, b, &t.mac, &out);
     ROW("0IR0", shared_kela_mac_address_cmp_match_veri, macs.count(), macs.vec(), &mac, m);
-    shared_kela_mac_address_match_ctx_td ctx{nullptr, get_mac}, no_getter{nullptr, nullptr};
+    shared_kela_mac_address_match_ctx_td ctx{nullptr, get_mac}, no_getter{nullptr, nullptr},
+        failing{nullptr, no_mac};
     ROW("00IAR", shared_kela_mac_address_cmp_match_run, a, 1u, one.slots(), &ctx, &out);
+    ROW("77IAR", shared_kela_mac_address_cmp_match_run, a, 1u, one.slots(), &failing, &out);
     ROW("AAIAR", shared_kela_mac_address_cmp_match_run, a, 1u, one.slots(), &no_getter, &out);
     ROW("00", shared_kela_mac_address_cmp_match_free, nullptr);
     ROW("0I00", shared_kela_rhr_cmp_match_veri, rhr.count(), rhr.vec(), &t.rhr, m);

@@ -92,8 +92,6 @@ TEST_F(Registration, EmptyLocationListsMakeNoFrameworkCall) {
     EXPECT_EQ(shared_kela_uint32_base_init_v2(nullptr, buf, sizeof buf, &d, empty, nullptr, empty,
                                               nullptr),
               KEL_SHARED_ERR_NO_LOCATIONS);
-    EXPECT_EQ(shared_kela_uint32_base_init(nullptr, nullptr, 0, nullptr),
-              KEL_SHARED_ERR_NULL_INPUT);
     EXPECT_TRUE(framework_calls().empty());
     EXPECT_STREQ(buf, "untouched");
     EXPECT_EQ(kref_attr_find("m"), nullptr);
