@@ -23,7 +23,7 @@ best_cpu() {
     /usr/bin/time -o "$times" -f '%U %S' "$@" >/dev/null 2>&1 || true  # diff exits 4
     local cpu
     cpu=$(tail -1 "$times" | awk '{ printf "%.2f", $1 + $2 }')
-    if [ -z "$best" ] || [ "$(echo "$cpu < $best" | bc)" = 1 ]; then best=$cpu; fi
+    if [ -z "$best" ] || awk -v a="$cpu" -v b="$best" 'BEGIN { exit !(a < b) }'; then best=$cpu; fi
   done
   echo "$best"
 }
