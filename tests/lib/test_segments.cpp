@@ -120,6 +120,8 @@ TEST(SegmentList, LaterHeadersEndTheWalkWhenTheyDoNotFitAndResetRefuses) {
     EXPECT_EQ(text(kel_shared_sl_argument(sl)), "b");
     EXPECT_EQ(kel_shared_sl_segment_next(sl), -1);
     EXPECT_EQ(pos(sl), (Pos{2, 4, 3}));
+    sl->count = 3;  // the segment no longer fits
+    EXPECT_EQ(kel_shared_sl_segment_reset(sl), -1);
     // A reset onto a vector whose first header is wrong refuses and leaves
     // the record alone.
     sl->vector = bad.vec();

@@ -152,6 +152,14 @@ TEST_F(State, InAsksTheRoutingTable) {
                   "ip_rib_route_lookup2(7, 8, 3)", "ip_rib_route_lookup_longer_range2(7, 8, 24)",
                   "ip_rib_route_lookup2(7, 0, 2)"}));
     EXPECT_EQ(take(kref_stmt_print(s)), "rib-has-route in (10.0.0.0/8 le 24 ...)");
+    // Each pointer missing in turn (kt::nulls' letters), and a context
+    // without its getter.
+    kref_inst_info_t info = kt::inst_info(kref_stmt_instance(s));
+    void **slots = kref_stmt_slots(s);
+    int32_t out = 0;
+    EXPECT_EQ(kt::nulls("0A0AA", info.cmp, &v4, 10u, slots, info.ctx, &out), "0A0AA");
+    shared_kela_rhr_match_ctx_td no_getter{nullptr, 0, nullptr};
+    EXPECT_EQ(info.cmp(&v4, 10, slots, &no_getter, &out), KEL_SHARED_ERR_NO_PARAM_ARRAY);
     kref_stmt_free(s);
 }
 
@@ -255,8 +263,8 @@ TEST_F(State, BaseFunctionsAndRetrievers) {
     for (rasf_attr_t *attr : {rhr, track}) {
         EXPECT_EQ(kref_attr_compare(attr, &r, &other, &out), 0u);
         EXPECT_EQ(std::exchange(out, 0), 1) << "any two routes are alike";
+        EXPECT_EQ(kref_attr_compare(attr, &r, nullptr, &out), KEL_SHARED_ERR_NO_PARAM_ARRAY);
     }
-    EXPECT_EQ(kref_attr_compare(track, &r, nullptr, &out), KEL_SHARED_ERR_NO_PARAM_ARRAY);
     rasf_inst_t *inst = nullptr;
     ASSERT_EQ(shared_kela_rhr_retr_cons(0, nullptr, nullptr, &rhr_, &inst), 0u);
     kref_inst_info_t info = kt::inst_info(inst);
