@@ -43,6 +43,7 @@ class Ipv4 : public kt::FrameworkTest {
 TEST_F(Ipv4, PfxmatchComparesLeadingBitsWithinTheBoundsAndRefuses) {
     const char *const invalid = "Invalid prefix match parameters.";
     const char *const four = "Requires exactly four paramters.";
+    const char *const host = "Invalid prefix: Bits set outside of mask.";
     // Entry, verdict; then (when accepted) a route and the outcome.
     using Case = std::tuple<std::vector<const char *>, kt::Verdict,
                             std::pair<const char *, uint8_t>, int32_t>;
@@ -52,6 +53,8 @@ TEST_F(Ipv4, PfxmatchComparesLeadingBitsWithinTheBoundsAndRefuses) {
         {{"10.1.2.0", "23", "24", "24"}, {0, "<null>"}, {"10.1.3.0", 24}, 1},  // min(23, 24) bits
         {{"10.1.2.0", "23", "24", "24"}, {0, "<null>"}, {"10.1.4.0", 24}, 0},
         {{"10.1.2.3", "24", "24", "32"}, {0, "<null>"}, {"10.1.2.0", 24}, 1},  // byte 4 not stored
+        {{"10.1.2.128", "25", "25", "32"}, {0, "<null>"}, {"10.1.2.200", 25}, 1},
+        {{"10.1.2.129", "25", "25", "32"}, {KEL_SHARED_ERR_HOST_BITS, host}, {}, 0},
         {{"10.0.0.0", "8", "24", "16"}, {KEL_SHARED_ERR_BAD_LENGTH, invalid}, {}, 0},
         {{"10.0.0.0", "8x", "8", "32"}, {KEL_SHARED_ERR_BAD_VALUE, invalid}, {}, 0},
         {{"10.0.0.0", "8", "8"}, {KEL_SHARED_ERR_PARAM_COUNT, four}, {}, 0},
