@@ -92,10 +92,18 @@ struct RunLayout {
           size(answers + 4 * runs) {}
 };
 
+// A lookup key as a 128-bit number in two words, its first bit the top bit
+// of `hi` and every bit past its length zero: the index reads any bits of
+// it with a shift or two instead of gathering bytes for each step.
+struct KeyWord {
+    std::uint64_t hi, lo;
+};
+
 struct RadixIndex {
-    unsigned skip;            // every entry agrees with `common` on its first skip bits (or on all
-    std::uint8_t common[16];  // of its own, when shorter): the table indexes the T bits after those
-    unsigned top_bits;        // T
+    unsigned skip;      // every entry agrees with `common` on its first skip bits (or on all of
+    KeyWord common;     // its own, when shorter): the table indexes the T bits after those
+    KeyWord skip_mask;  // the first skip bits set
+    unsigned top_bits;  // T
     std::uint64_t generation;   // unique in the process: names this tree as it now is
     std::uintptr_t base;        // the lowest entry; entry offsets count from it
     unsigned scale;             // log2 of the offsets' unit
@@ -212,10 +220,11 @@ constexpr unsigned kTopMinBits = 8, kTopMaxBits = 16, kTableBits = 8;
 constexpr std::size_t kMapFrom = std::size_t{4} << 20;  // indexes this large get their own mapping
 constexpr std::size_t kHugePage = std::size_t{2} << 20;
 
-// About one table slot per entry, up to 2^16.
+// About eight table slots per entry, up to 2^16: a small set's keys then
+// mostly end in the table itself, without a run node to search.
 unsigned top_bits(std::size_t count) {
     unsigned b = 0;
-    while ((std::size_t{1} << (b + 1)) <= count) ++b;
+    while ((std::size_t{1} << (b + 1)) <= count * 8) ++b;
     return b < kTopMinBits ? kTopMinBits : b > kTopMaxBits ? kTopMaxBits : b;
 }
 
@@ -245,6 +254,63 @@ inline std::uint32_t bits_at(const std::uint8_t *key, unsigned len, unsigned fro
     w = (w << (64 - 8 * n + lead)) >> (64 - count);
     return static_cast<std::uint32_t>(kept < count ? w & ~((std::uint64_t{1} << (count - kept)) - 1)
                                                    : w);
+}
+
+inline std::uint64_t load_be(const std::uint8_t *p, std::uint64_t x) {
+    std::memcpy(&x, p, 8);
+    return __builtin_bswap64(x);
+}
+inline std::uint32_t load_be(const std::uint8_t *p, std::uint32_t x) {
+    std::memcpy(&x, p, 4);
+    return __builtin_bswap32(x);
+}
+inline std::uint16_t load_be(const std::uint8_t *p, std::uint16_t x) {
+    std::memcpy(&x, p, 2);
+    return __builtin_bswap16(x);
+}
+
+// The first `bits` bits set (bits <= 128).
+inline KeyWord leading_ones(unsigned bits) {
+    const std::uint64_t all = ~std::uint64_t{0};
+    if (bits == 0) return {0, 0};
+    if (bits <= 64) return {all << (64 - bits), 0};
+    return {all, all << (128 - bits)};
+}
+
+// A key of `len` bits as a KeyWord.  Only the key's own (len + 7) / 8
+// bytes are read: two loads that overlap in the middle cover any count.
+inline KeyWord key_word(const std::uint8_t *key, unsigned len) {
+    const unsigned n = (len + 7) / 8;
+    KeyWord k{0, 0};
+    if (n > 8) {
+        k.hi = load_be(key, std::uint64_t{});
+        k.lo = load_be(key + n - 8, std::uint64_t{}) << (128 - 8 * n);
+    } else if (n >= 4) {
+        k.hi = std::uint64_t{load_be(key, std::uint32_t{})} << 32 |
+               std::uint64_t{load_be(key + n - 4, std::uint32_t{})} << (64 - 8 * n);
+    } else if (n >= 2) {
+        k.hi = std::uint64_t{load_be(key, std::uint16_t{})} << 48 |
+               std::uint64_t{load_be(key + n - 2, std::uint16_t{})} << (64 - 8 * n);
+    } else if (n == 1) {
+        k.hi = std::uint64_t{key[0]} << 56;
+    }
+    const KeyWord m = leading_ones(len);
+    return {k.hi & m.hi, k.lo & m.lo};
+}
+
+// Bits [from, from + count) of a key word as a number (count <= 32).
+inline std::uint32_t bits_of(const KeyWord &k, unsigned from, unsigned count) {
+    if (count == 0) return 0;
+    if (from + count <= 64) return static_cast<std::uint32_t>((k.hi << from) >> (64 - count));
+    if (from >= 128) return 0;
+    using Wide = unsigned __int128;
+    const Wide w = Wide{k.hi} << 64 | k.lo;
+    return static_cast<std::uint32_t>((w << from) >> (128 - count));
+}
+
+// Whether two key words agree on the bits of a mask.
+inline bool agree(const KeyWord &a, const KeyWord &b, const KeyWord &mask) {
+    return (((a.hi ^ b.hi) & mask.hi) | ((a.lo ^ b.lo) & mask.lo)) == 0;
 }
 
 // Where the tree first branches: the entries above that bit form one chain,
@@ -633,11 +699,8 @@ const RadixIndex *make_index(radix_head *h) {
     char *mem = reinterpret_cast<char *>(ix);
     static std::atomic<std::uint64_t> generations{0};
     ix->skip = skip;
-    std::memset(ix->common, 0, sizeof ix->common);
-    if (from != nullptr) {
-        std::memcpy(ix->common, t.key(from), (skip + 7) / 8);
-        if (skip % 8 != 0) ix->common[skip / 8] &= static_cast<std::uint8_t>(0xFF00u >> (skip % 8));
-    }
+    ix->common = from != nullptr ? key_word(t.key(from), skip) : KeyWord{0, 0};
+    ix->skip_mask = leading_ones(skip);
     ix->top_bits = bits;
     ix->generation = generations.fetch_add(1, std::memory_order_relaxed) + 1;
     ix->base = lo;
@@ -749,8 +812,9 @@ std::uint32_t run_answer(const RadixIndex &ix, const unsigned char *p, const Run
 }
 
 // Longest match through the index, for keys that share the common bits.
-radix_node *indexed_match(const Tree &t, const RadixIndex &ix, const uint8_t *key, unsigned len) {
-    std::uint32_t ref = ix.top[bits_at(key, len, ix.skip, ix.top_bits)];
+radix_node *indexed_match(const Tree &t, const RadixIndex &ix, const uint8_t *key, unsigned len,
+                          const KeyWord &kw) {
+    std::uint32_t ref = ix.top[bits_of(kw, ix.skip, ix.top_bits)];
     unsigned depth = ix.skip + ix.top_bits;
     while (ref >= kRunTag) {
         if (ref < kTableTag) {
@@ -765,7 +829,7 @@ radix_node *indexed_match(const Tree &t, const RadixIndex &ix, const uint8_t *ke
                 ref = h.outer[0];
                 break;
             }
-            ref = run_answer(ix, p, h, bits_at(key, len, depth, h.bits));
+            ref = run_answer(ix, p, h, bits_of(kw, depth, h.bits));
             depth += h.bits;
             continue;
         }
@@ -775,7 +839,7 @@ radix_node *indexed_match(const Tree &t, const RadixIndex &ix, const uint8_t *ke
             break;
         }
         const unsigned bits = (ref >> 26) & 31;
-        ref = ix.pool[at + bits_at(key, len, depth, bits)];
+        ref = ix.pool[at + bits_of(kw, depth, bits)];
         depth += bits;
     }
     prefetch_entry(ix, ref);
@@ -808,9 +872,10 @@ radix_node *longest_match(radix_head *head, const uint8_t *key, uint8_t len, boo
                 return remember(ix, climb(t, up_of(last.entry), len));
             }
             // Keys off the common bits are answered by the chain above them.
-            if (len < ix->skip || !prefix_equal(ix->common, key, ix->skip))
+            const KeyWord kw = key_word(key, len);
+            if (len < ix->skip || !agree(kw, ix->common, ix->skip_mask))
                 return remember(ix, walk(t, head->root, key, len, nullptr));
-            return remember(ix, indexed_match(t, *ix, key, len));
+            return remember(ix, indexed_match(t, *ix, key, len, kw));
         }
     }
     return walk(t, head->root, key, len, nullptr);
