@@ -103,6 +103,7 @@ struct RadixIndex {
     unsigned skip;      // every entry agrees with `common` on its first skip bits (or on all of
     KeyWord common;     // its own, when shorter): the table indexes the T bits after those
     KeyWord skip_mask;  // the first skip bits set
+    radix_node *chain;  // the longest entry up to skip long (they form one chain), if any
     unsigned top_bits;  // T
     std::uint64_t generation;   // unique in the process: names this tree as it now is
     std::uintptr_t base;        // the lowest entry; entry offsets count from it
@@ -701,6 +702,7 @@ const RadixIndex *make_index(radix_head *h) {
     ix->skip = skip;
     ix->common = from != nullptr ? key_word(t.key(from), skip) : KeyWord{0, 0};
     ix->skip_mask = leading_ones(skip);
+    ix->chain = first > 0 ? entries[first - 1] : nullptr;
     ix->top_bits = bits;
     ix->generation = generations.fetch_add(1, std::memory_order_relaxed) + 1;
     ix->base = lo;
@@ -871,10 +873,18 @@ radix_node *longest_match(radix_head *head, const uint8_t *key, uint8_t len, boo
                 prefix_equal(t.key(last.entry), key, t.len(last.entry))) {
                 return remember(ix, climb(t, up_of(last.entry), len));
             }
-            // Keys off the common bits are answered by the chain above them.
             const KeyWord kw = key_word(key, len);
-            if (len < ix->skip || !agree(kw, ix->common, ix->skip_mask))
-                return remember(ix, walk(t, head->root, key, len, nullptr));
+            if (len < ix->skip || !agree(kw, ix->common, ix->skip_mask)) {
+                // Keys off the common bits are answered by the chain above
+                // them: its longest entry that ends before the key leaves
+                // the common bits (or the key itself ends).
+                const std::uint64_t hi = (kw.hi ^ ix->common.hi) & ix->skip_mask.hi;
+                const std::uint64_t lo = (kw.lo ^ ix->common.lo) & ix->skip_mask.lo;
+                const unsigned parts = hi != 0   ? static_cast<unsigned>(__builtin_clzll(hi))
+                                       : lo != 0 ? 64 + static_cast<unsigned>(__builtin_clzll(lo))
+                                                 : ix->skip;
+                return remember(ix, climb(t, ix->chain, std::min<unsigned>(parts, len)));
+            }
             return remember(ix, indexed_match(t, *ix, key, len, kw));
         }
     }
