@@ -102,6 +102,9 @@ TEST_F(State, VerifierRules) {
         {"track", "is", {{"x"}, {name32.c_str()}, {"up"}}, {0, "<null>"}},
         {"track", "is", {{"x"}, {"T1"}, {"down"}}, {0, "<null>"}},
         {"track", "is", {{"x"}, {"T1"}}, {bad, track_bad}},
+        {"track", "is", {{nullptr}, {"T1"}, {"up"}}, {bad, track_bad}},
+        {"track", "is", {{"x"}, {nullptr}, {"up"}}, {bad, track_bad}},
+        {"track", "is", {{"x"}, {"T1"}, {nullptr}}, {bad, track_bad}},
         {"track", "is", {{"x"}, {"T1"}, {"up"}, {"y"}}, {bad, track_bad}},
     };
     for (const Case &c : cases) {
