@@ -306,15 +306,44 @@ TEST(Keys, RequestsLiveAsLongAsTheirEvaluation) {
     };
     // Whether another thread evaluates under key 1 meanwhile, the steps, the
     // requests left and whether key 1 is still in the request tree.
-    const std::tuple<const char *, bool, std::function<void()>, std::size_t, bool> cases[] = {
-        {"the next key ends the evaluation", false, [&] { eval(1), eval(2); }, 1, false},
-        {"the thread's end ends it", false, [&] { std::thread([&] { eval(1); }).join(); }, 0,
-         false},
-        {"a release ends it", false, [&] { eval(1), kref_eval_release(1); }, 0, false},
-        {"a key-less evaluation leaves nothing", false, [&] { eval(0); }, 0, false},
-        {"a key another thread evaluates stays", true, [&] { eval(1), eval(2); }, 2, true},
-        {"a reset empties the trees: the key asks again", false,
-         [&] { eval(1), kref_state_reset(), add_route(), eval(1); }, 1, true},
+    struct Case {
+        const char *name;
+        bool held_elsewhere;
+        std::function<void()> steps;
+        std::size_t requests;
+        bool in_tree;
+    };
+    const Case cases[] = {
+        {.name = "the next key ends the evaluation",
+         .held_elsewhere = false,
+         .steps = [&] { eval(1), eval(2); },
+         .requests = 1,
+         .in_tree = false},
+        {.name = "the thread's end ends it",
+         .held_elsewhere = false,
+         .steps = [&] { std::thread([&] { eval(1); }).join(); },
+         .requests = 0,
+         .in_tree = false},
+        {.name = "a release ends it",
+         .held_elsewhere = false,
+         .steps = [&] { eval(1), kref_eval_release(1); },
+         .requests = 0,
+         .in_tree = false},
+        {.name = "a key-less evaluation leaves nothing",
+         .held_elsewhere = false,
+         .steps = [&] { eval(0); },
+         .requests = 0,
+         .in_tree = false},
+        {.name = "a key another thread evaluates stays",
+         .held_elsewhere = true,
+         .steps = [&] { eval(1), eval(2); },
+         .requests = 2,
+         .in_tree = true},
+        {.name = "a reset empties the trees: the key asks again",
+         .held_elsewhere = false,
+         .steps = [&] { eval(1), kref_state_reset(), add_route(), eval(1); },
+         .requests = 1,
+         .in_tree = true},
     };
     for (const auto &[name, held_elsewhere, steps, requests, in_tree] : cases) {
         SCOPED_TRACE(name);
