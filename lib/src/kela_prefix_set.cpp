@@ -453,12 +453,27 @@ vogno match_ctx_build(std::uint32_t count, char **params, Ctx *ctx) {
 
 namespace {
 
+// Whether an entry's bounds alone keep out a value of `len` bits (not 0):
+// the first step of the range rule, which every entry test begins with.
+// Most covering entries a lookup meets are kept out by their lengths; this
+// answers for them without the call.  (The longer kinds' upper bound is the
+// family maximum, stored when the set was built.)
+inline bool kept_out(const shared_kela_prefix_matchspec_td *s, unsigned len,
+                     shared_kela_prefix_cmp_td kind) {
+    const unsigned lower = std::max(s->len, s->ge);
+    if (kind == SHARED_KELA_PREFIX_CMP_LONGER) return len <= lower;
+    if (kind == SHARED_KELA_PREFIX_CMP_ORLONGER) return len < lower;
+    return len < lower || len > std::max(s->len, s->le);
+}
+
 // Whether any entry of the record accepts the value.
 bool any_accepts(const Info *info, shared_kela_prefix_addr_td *value,
                  shared_kela_prefix_cmp_td kind) {
     // Most keys hold one entry: `first` names it without going through
     // the array.
-    if (info->count == 1) return shared_kela_prefix_match(value, info->first, kind) != 0;
+    if (info->count == 1)
+        return !(value->len != 0 && kept_out(info->first, value->len, kind)) &&
+               shared_kela_prefix_match(value, info->first, kind) != 0;
     for (std::int32_t i = 0; i < info->count; ++i)
         if (shared_kela_prefix_match(value, info->specs[i], kind) != 0) return true;
     return false;
@@ -466,21 +481,25 @@ bool any_accepts(const Info *info, shared_kela_prefix_addr_td *value,
 
 // One value against the whole set: wild list, then the tree from the most
 // to the least specific covering key, then each mask.
-bool set_accepts(Ctx *ctx, shared_kela_prefix_addr_td *value) {
-    if (any_accepts(family_wild(ctx, value->family), value, ctx->cmp)) return true;
+bool set_accepts(const Ctx *ctx, shared_kela_prefix_addr_td *value) {
+    const bool v4 = value->family == kV4;
+    const shared_kela_prefix_cmp_td kind = ctx->cmp;
+    const Info *wild = v4 ? ctx->v4_wild : ctx->v6_wild;
+    if (wild->count != 0 && any_accepts(wild, value, kind)) return true;
 
-    radix_head *tree = family_head(ctx, value->family);
+    radix_head *tree = v4 ? ctx->v4_head : ctx->v6_head;
     for (std::uint32_t n = value->len;;) {
         auto *entry =
             static_cast<Info *>(rn_lookup(tree, value->addr, static_cast<std::uint8_t>(n)));
         if (entry == nullptr) break;
-        if (any_accepts(entry, value, ctx->cmp)) return true;
+        if (any_accepts(entry, value, kind)) return true;
         if (entry->keylen <= 1) break;
         n = entry->keylen - 1u;
     }
 
-    MaskNode *first = value->family == kV4 ? *ctx->v4_lists : *ctx->v6_lists;
-    const std::uint8_t bytes = value->family == kV4 ? 4 : 16;
+    MaskNode *first = v4 ? *ctx->v4_lists : *ctx->v6_lists;
+    if (first == nullptr) return false;
+    const std::uint8_t bytes = v4 ? 4 : 16;
     for (MaskNode *node = first; node != nullptr; node = node->next) {
         // The probe lives on the stack: evaluation allocates nothing.
         std::uint8_t probe[16];

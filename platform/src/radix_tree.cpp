@@ -105,6 +105,7 @@ struct RadixIndex {
     KeyWord skip_mask;  // the first skip bits set
     radix_node *chain;  // the longest entry up to skip long (they form one chain), if any
     unsigned top_bits;  // T
+    bool narrow;        // no entry is longer than 64 bits
     std::uint64_t generation;   // unique in the process: names this tree as it now is
     std::uintptr_t base;        // the lowest entry; entry offsets count from it
     unsigned scale;             // log2 of the offsets' unit
@@ -278,9 +279,10 @@ inline KeyWord leading_ones(unsigned bits) {
     return {all, all << (128 - bits)};
 }
 
-// A key of `len` bits as a KeyWord.  Only the key's own (len + 7) / 8
-// bytes are read: two loads that overlap in the middle cover any count.
-inline KeyWord key_word(const std::uint8_t *key, unsigned len) {
+// A key of `len` bits as a KeyWord, `m` being leading_ones(len).  Only
+// the key's own (len + 7) / 8 bytes are read: two loads that overlap in the
+// middle cover any count.
+inline KeyWord key_word(const std::uint8_t *key, unsigned len, const KeyWord &m) {
     const unsigned n = (len + 7) / 8;
     KeyWord k{0, 0};
     if (n > 8) {
@@ -295,8 +297,10 @@ inline KeyWord key_word(const std::uint8_t *key, unsigned len) {
     } else if (n == 1) {
         k.hi = std::uint64_t{key[0]} << 56;
     }
-    const KeyWord m = leading_ones(len);
     return {k.hi & m.hi, k.lo & m.lo};
+}
+inline KeyWord key_word(const std::uint8_t *key, unsigned len) {
+    return key_word(key, len, leading_ones(len));
 }
 
 // Bits [from, from + count) of a key word as a number (count <= 32).
@@ -307,6 +311,40 @@ inline std::uint32_t bits_of(const KeyWord &k, unsigned from, unsigned count) {
     using Wide = unsigned __int128;
     const Wide w = Wide{k.hi} << 64 | k.lo;
     return static_cast<std::uint32_t>((w << from) >> (128 - count));
+}
+
+// The same three for trees whose entries are all at most 64 bits long
+// (every IPv4 tree, most IPv6 ones): their lookups need only the first
+// word of a key, bounded at 64 bits, and skip the second word's work.
+template <bool Narrow>
+inline KeyWord ones(unsigned bits) {
+    // Without a branch: bits 0 shifts by 0 and is then cleared, 64 shifts by 0.
+    if constexpr (Narrow)
+        return {(~std::uint64_t{0} << ((64 - bits) & 63)) & -std::uint64_t{bits != 0}, 0};
+    return leading_ones(bits);
+}
+template <bool Narrow>
+inline KeyWord word_of(const std::uint8_t *key, unsigned len, const KeyWord &m) {
+    if constexpr (Narrow) {
+        const unsigned n = (len + 7) / 8;  // 0 to 8
+        std::uint64_t w = 0;
+        if (n >= 4)
+            w = std::uint64_t{load_be(key, std::uint32_t{})} << 32 |
+                std::uint64_t{load_be(key + n - 4, std::uint32_t{})} << (64 - 8 * n);
+        else if (n >= 2)
+            w = std::uint64_t{load_be(key, std::uint16_t{})} << 48 |
+                std::uint64_t{load_be(key + n - 2, std::uint16_t{})} << (64 - 8 * n);
+        else if (n == 1)
+            w = std::uint64_t{key[0]} << 56;
+        return {w & m.hi, 0};
+    }
+    return key_word(key, len, m);
+}
+// count >= 1 on the narrow path, and from + count <= 64.
+template <bool Narrow>
+inline std::uint32_t bits_in(const KeyWord &k, unsigned from, unsigned count) {
+    if constexpr (Narrow) return static_cast<std::uint32_t>((k.hi << from) >> (64 - count));
+    return bits_of(k, from, count);
 }
 
 // Whether two key words agree on the bits of a mask.
@@ -649,7 +687,7 @@ void collapse_to_huge_pages(std::uintptr_t lo, std::uintptr_t hi, std::size_t de
 // The index of a large tree, made by the first lookup that needs it (the
 // others wait for it); null when it cannot be made (lookups then walk from
 // the root).
-const RadixIndex *make_index(radix_head *h) {
+__attribute__((noinline, cold)) const RadixIndex *make_index(radix_head *h) {
     std::lock_guard lock(h->index_mu);
     if (const RadixIndex *ix = h->index.load(std::memory_order_relaxed)) return ix;
     if (h->unindexable.load(std::memory_order_relaxed)) return nullptr;
@@ -704,6 +742,7 @@ const RadixIndex *make_index(radix_head *h) {
     ix->skip_mask = leading_ones(skip);
     ix->chain = first > 0 ? entries[first - 1] : nullptr;
     ix->top_bits = bits;
+    ix->narrow = longest <= 64;
     ix->generation = generations.fetch_add(1, std::memory_order_relaxed) + 1;
     ix->base = lo;
     ix->scale = scale;
@@ -750,18 +789,22 @@ radix_node *climb(const Tree &t, radix_node *e, unsigned len) {
 }
 
 // This thread's last indexed answer, if any; its generation says whether
-// the entry still belongs to a live, unchanged tree.
+// the entry still belongs to a live, unchanged tree.  The key it answered
+// is kept as a word, so that the next lookup can tell whether it may start
+// from there without reading the entry again.
 struct LastAnswer {
     std::uint64_t generation = 0;
     radix_node *entry = nullptr;
+    unsigned len = 0;   // the entry's length
+    KeyWord key{0, 0};  // the key it answered, as far as that lookup's bound
 };
 // Initial-exec: this library is loaded with the program, and the general
 // model would cost a call into the dynamic linker on every lookup.
 __attribute__((tls_model("initial-exec"))) thread_local LastAnswer t_last;
 __attribute__((tls_model("initial-exec"))) thread_local std::uint64_t t_lookups = 0;
 
-radix_node *remember(const RadixIndex *ix, radix_node *found) {
-    if (found != nullptr) t_last = {ix->generation, found};
+radix_node *remember(const Tree &t, const RadixIndex *ix, radix_node *found, const KeyWord &kw) {
+    if (found != nullptr) t_last = {ix->generation, found, t.len(found), kw};
     return found;
 }
 
@@ -814,9 +857,9 @@ std::uint32_t run_answer(const RadixIndex &ix, const unsigned char *p, const Run
 }
 
 // Longest match through the index, for keys that share the common bits.
-radix_node *indexed_match(const Tree &t, const RadixIndex &ix, const uint8_t *key, unsigned len,
-                          const KeyWord &kw) {
-    std::uint32_t ref = ix.top[bits_of(kw, ix.skip, ix.top_bits)];
+template <bool Narrow>
+__attribute__((always_inline)) inline radix_node *indexed_match(const Tree &t, const RadixIndex &ix, unsigned len, const KeyWord &kw) {
+    std::uint32_t ref = ix.top[bits_in<Narrow>(kw, ix.skip, ix.top_bits)];
     unsigned depth = ix.skip + ix.top_bits;
     while (ref >= kRunTag) {
         if (ref < kTableTag) {
@@ -831,7 +874,7 @@ radix_node *indexed_match(const Tree &t, const RadixIndex &ix, const uint8_t *ke
                 ref = h.outer[0];
                 break;
             }
-            ref = run_answer(ix, p, h, bits_of(kw, depth, h.bits));
+            ref = run_answer(ix, p, h, bits_in<Narrow>(kw, depth, h.bits));
             depth += h.bits;
             continue;
         }
@@ -841,52 +884,72 @@ radix_node *indexed_match(const Tree &t, const RadixIndex &ix, const uint8_t *ke
             break;
         }
         const unsigned bits = (ref >> 26) & 31;
-        ref = ix.pool[at + bits_of(kw, depth, bits)];
+        ref = ix.pool[at + bits_in<Narrow>(kw, depth, bits)];
         depth += bits;
     }
     prefetch_entry(ix, ref);
     radix_node *e = entry_at(ix, ref);
     // A lone entry that the key leaves: the entry covering it answers.
-    if ((ref & kCheck) != 0 && !prefix_equal(t.key(e), key, std::min<unsigned>(t.len(e), len)))
-        e = up_of(e);
+    if ((ref & kCheck) != 0) {
+        const unsigned el = std::min<unsigned>(t.len(e), len);
+        const KeyWord m = ones<Narrow>(el);
+        if (!agree(word_of<Narrow>(t.key(e), el, m), kw, m)) e = up_of(e);
+    }
     // The answer covers the key to its full length; a bound inside it may
     // leave only the entries covering it.
     return climb(t, e, len);
 }
 
+// Longest match through a tree's index.
+template <bool Narrow>
+inline radix_node *indexed_lookup(const Tree &t, const RadixIndex *ix, const uint8_t *key,
+                                  unsigned len) {
+    // No entry is longer than 128 bits, none of a narrow tree longer than
+    // 64: a longer bound finds what those find.
+    if (const unsigned most = Narrow ? 64 : 128; len > most) len = most;
+    const KeyWord m = ones<Narrow>(len);
+    const KeyWord kw = word_of<Narrow>(key, len, m);
+    // A key that agrees with this thread's last answered key over its own
+    // bound, the bound being below the answer's length, is answered by an
+    // entry covering that answer: the entries at most that long covering
+    // the one key are those covering the other.  The walk down a prefix
+    // set's covering keys costs no index slot.
+    const LastAnswer &last = t_last;
+    if (last.generation == ix->generation && len < last.len && agree(kw, last.key, m))
+        return remember(t, ix, climb(t, up_of(last.entry), len), kw);
+    if (len < ix->skip || !agree(kw, ix->common, ix->skip_mask)) {
+        // Keys off the common bits are answered by the chain above them:
+        // its longest entry that ends before the key leaves the common bits
+        // (or the key itself ends).
+        const std::uint64_t hi = (kw.hi ^ ix->common.hi) & ix->skip_mask.hi;
+        const std::uint64_t lo = Narrow ? 0 : (kw.lo ^ ix->common.lo) & ix->skip_mask.lo;
+        const unsigned parts = hi != 0   ? static_cast<unsigned>(__builtin_clzll(hi))
+                               : lo != 0 ? 64 + static_cast<unsigned>(__builtin_clzll(lo))
+                                         : ix->skip;
+        return remember(t, ix, climb(t, ix->chain, std::min<unsigned>(parts, len)), kw);
+    }
+    return remember(t, ix, indexed_match<Narrow>(t, *ix, len, kw), kw);
+}
+
+inline radix_node *indexed_lookup(const Tree &t, const RadixIndex *ix, const uint8_t *key,
+                                  unsigned len) {
+    return ix->narrow ? indexed_lookup<true>(t, ix, key, len)
+                      : indexed_lookup<false>(t, ix, key, len);
+}
+
 // Longest match at most `len` long.  Searches (used while sets are built,
 // between inserts) walk from the root; lookups use the index of a large
-// tree.
-radix_node *longest_match(radix_head *head, const uint8_t *key, uint8_t len, bool use_index) {
+// tree.  Lookups through an index that exists take the short way in
+// rn_lookup instead.
+__attribute__((noinline)) radix_node *longest_match(radix_head *head, const uint8_t *key,
+                                                    uint8_t len, bool use_index) {
     if (head == nullptr || key == nullptr) return nullptr;
     const Tree t{head};
     if (use_index && head->count >= kIndexFrom) {
         const RadixIndex *ix = head->index.load(std::memory_order_acquire);
         if (ix == nullptr && !head->unindexable.load(std::memory_order_relaxed))
             ix = make_index(head);
-        if (ix != nullptr) {
-            // A key that extends this thread's last answer, bounded below
-            // its length, is answered by an entry covering that answer: the
-            // walk down a prefix set's covering keys costs no index slot.
-            LastAnswer &last = t_last;
-            if (last.generation == ix->generation && len < t.len(last.entry) &&
-                prefix_equal(t.key(last.entry), key, t.len(last.entry))) {
-                return remember(ix, climb(t, up_of(last.entry), len));
-            }
-            const KeyWord kw = key_word(key, len);
-            if (len < ix->skip || !agree(kw, ix->common, ix->skip_mask)) {
-                // Keys off the common bits are answered by the chain above
-                // them: its longest entry that ends before the key leaves
-                // the common bits (or the key itself ends).
-                const std::uint64_t hi = (kw.hi ^ ix->common.hi) & ix->skip_mask.hi;
-                const std::uint64_t lo = (kw.lo ^ ix->common.lo) & ix->skip_mask.lo;
-                const unsigned parts = hi != 0   ? static_cast<unsigned>(__builtin_clzll(hi))
-                                       : lo != 0 ? 64 + static_cast<unsigned>(__builtin_clzll(lo))
-                                                 : ix->skip;
-                return remember(ix, climb(t, ix->chain, std::min<unsigned>(parts, len)));
-            }
-            return remember(ix, indexed_match(t, *ix, key, len, kw));
-        }
+        if (ix != nullptr) return indexed_lookup(t, ix, key, len);
     }
     return walk(t, head->root, key, len, nullptr);
 }
@@ -1000,6 +1063,11 @@ int rn_insert(struct radix_head *head, void *entry) {
 
 void *rn_lookup(struct radix_head *head, const uint8_t *key, uint8_t len) {
     ++t_lookups;
+    // The common case, a tree with its index made, without a call.
+    if (head != nullptr && key != nullptr) {
+        if (const RadixIndex *ix = head->index.load(std::memory_order_acquire); ix != nullptr)
+            return indexed_lookup(Tree{head}, ix, key, len);
+    }
     return longest_match(head, key, len, true);
 }
 
