@@ -18,7 +18,9 @@
  *   PROGRAM counts DIR NAME -> builds the set, makes one cold pass, then a
  *       second one with callgrind's instrumentation on (run it under
  *       `valgrind --tool=callgrind --instr-atstart=no`), and prints the
- *       queries and matches as JSON.
+ *       queries and matches as JSON;
+ *   PROGRAM build-counts DIR NAME -> one build with callgrind's
+ *       instrumentation on, dumped as "build" (same valgrind options).
  * Times are this thread's CPU time.  The C side includes it as C, this
  * project's side as C++.
  */
@@ -263,6 +265,29 @@ static inline int sbs_measure(const struct sbs_side *side, const char *dir, cons
     return 0;
 }
 
+static inline int sbs_build_counts(const struct sbs_side *side, const char *dir, const char *name) {
+    int v6 = 0;
+    size_t n = 0;
+    struct sbs_entry *entries = sbs_read_set(dir, name, &n, &v6);
+    void *texts = entries != NULL ? side->load(v6, entries, n) : NULL;
+    if (texts == NULL || n == 0) return 1;
+#ifdef SBS_HAVE_CALLGRIND
+    CALLGRIND_START_INSTRUMENTATION;
+    CALLGRIND_ZERO_STATS;
+#endif
+    void *set = side->build(texts);
+#ifdef SBS_HAVE_CALLGRIND
+    CALLGRIND_DUMP_STATS_AT("build");
+    CALLGRIND_STOP_INSTRUMENTATION;
+#endif
+    if (set == NULL) return 1;
+    printf("{\"side\": \"%s\", \"set\": \"%s\", \"entries\": %zu}\n", side->name, name, n);
+    side->release(set);
+    side->unload(texts);
+    free(entries);
+    return 0;
+}
+
 static inline int sbs_counts(const struct sbs_side *side, const char *dir, const char *name) {
     int v6 = 0;
     size_t n = 0, n_cold = 0;
@@ -298,7 +323,11 @@ static inline int sbs_main(const struct sbs_side *side, int argc, char **argv) {
     if (argc == 5 && strcmp(argv[1], "measure") == 0)
         return sbs_measure(side, argv[2], argv[3], argv[4]);
     if (argc == 4 && strcmp(argv[1], "counts") == 0) return sbs_counts(side, argv[2], argv[3]);
-    fprintf(stderr, "usage: %s measure DIR NAME OUTCOMES | counts DIR NAME\n", argv[0]);
+    if (argc == 4 && strcmp(argv[1], "build-counts") == 0)
+        return sbs_build_counts(side, argv[2], argv[3]);
+    fprintf(stderr,
+            "usage: %s measure DIR NAME OUTCOMES | counts DIR NAME | build-counts DIR NAME\n",
+            argv[0]);
     return 2;
 }
 

@@ -471,11 +471,16 @@ bool any_accepts(const Info *info, shared_kela_prefix_addr_td *value,
                  shared_kela_prefix_cmp_td kind) {
     // Most keys hold one entry: `first` names it without going through
     // the array.
+    const unsigned len = value->len;
     if (info->count == 1)
-        return !(value->len != 0 && kept_out(info->first, value->len, kind)) &&
+        return !(len != 0 && kept_out(info->first, len, kind)) &&
                shared_kela_prefix_match(value, info->first, kind) != 0;
-    for (std::int32_t i = 0; i < info->count; ++i)
-        if (shared_kela_prefix_match(value, info->specs[i], kind) != 0) return true;
+    for (std::int32_t i = 0; i < info->count; ++i) {
+        shared_kela_prefix_matchspec_td *spec = info->specs[i];
+        if (!(len != 0 && kept_out(spec, len, kind)) &&
+            shared_kela_prefix_match(value, spec, kind) != 0)
+            return true;
+    }
     return false;
 }
 

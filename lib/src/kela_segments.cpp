@@ -12,14 +12,25 @@ namespace {
 
 // One "%d" of scanf: blanks, an optional sign, at least one digit.  Values
 // beyond a long saturate and are then cut to int, as the C library does.
+// Digits are '0' to '9' in every locale: tested inline, and blanks and a
+// sign are looked for only before a text that does not start with one.
+bool is_digit(char c) {
+    return static_cast<unsigned char>(c) - unsigned{'0'} <= 9;
+}
+
 bool scan_int(const char *&p, std::int32_t *out) {
-    while (std::isspace(static_cast<unsigned char>(*p))) ++p;
     bool neg = false;
-    if (*p == '+' || *p == '-') neg = *p++ == '-';
-    if (!std::isdigit(static_cast<unsigned char>(*p))) return false;
+    if (!is_digit(*p)) {
+        while (std::isspace(static_cast<unsigned char>(*p))) ++p;
+        if (*p == '+' || *p == '-') neg = *p++ == '-';
+        if (!is_digit(*p)) return false;
+    }
+    // Eighteen digits cannot overflow: only longer numbers are watched.
     unsigned long long mag = 0;
+    for (const char *start = p; is_digit(*p) && p - start < 18; ++p)
+        mag = mag * 10 + static_cast<unsigned>(*p - '0');
     bool big = false;
-    for (; std::isdigit(static_cast<unsigned char>(*p)); ++p) {
+    for (; is_digit(*p); ++p) {
         if (mag > (ULLONG_MAX - 9) / 10) big = true;
         if (!big) mag = mag * 10 + static_cast<unsigned>(*p - '0');
     }

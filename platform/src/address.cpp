@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Address text conversion over the C library's inet_pton/inet_ntop, and the
-// IPv4 prefix-range rule.
+// Address text conversion over the C library's inet_pton/inet_ntop (IPv4
+// texts read here, by the same rule), and the IPv4 prefix-range rule.
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
@@ -13,6 +13,33 @@ namespace {
 int native_family(int family) {
     return family == QV_AF_INET ? AF_INET : family == QV_AF_INET6 ? AF_INET6 : -1;
 }
+
+// Dotted IPv4 as inet_pton reads it: four decimal parts of 0 to 255, no
+// leading zero, nothing else; dst is written only on success.  Read here
+// because building a large prefix set converts one address per entry, and
+// the C library's version costs several times as much.
+int parse_ipv4(const char *text, void *dst) {
+    auto digit = [](char c) { return static_cast<unsigned>(static_cast<unsigned char>(c)) - '0'; };
+    unsigned char out[4];
+    const char *p = text;
+    for (unsigned i = 0; i < 4; ++i) {
+        unsigned v = digit(*p);
+        if (v > 9) return 0;
+        if (const unsigned d1 = digit(*++p); d1 <= 9) {
+            if (v == 0) return 0;  // a leading zero
+            v = v * 10 + d1;
+            if (const unsigned d2 = digit(*++p); d2 <= 9) {
+                v = v * 10 + d2;
+                if (v > 255 || digit(*++p) <= 9) return 0;
+            }
+        }
+        out[i] = static_cast<unsigned char>(v);
+        if (*p++ != (i < 3 ? '.' : '\0')) return 0;
+    }
+    std::memcpy(dst, out, 4);
+    return 1;
+}
+
 }  // namespace
 
 extern "C" {
@@ -21,6 +48,7 @@ int qv_inet_pton(int family, const char *text, void *dst) {
     const int af = native_family(family);
     if (af < 0) return -1;
     if (text == nullptr || dst == nullptr) return 0;
+    if (af == AF_INET) return parse_ipv4(text, dst);
     return inet_pton(af, text, dst);
 }
 

@@ -116,6 +116,25 @@ struct RadixIndex {
     std::size_t mapped;         // bytes mapped for this index (0: allocated by malloc)
 };
 
+// The links the last insert walked down, above the one it changed, and the
+// bit each step tested.  Sets are inserted in key order, so the next key
+// mostly shares a long start with the last: its walk begins where their
+// paths part instead of at the root.  A step above that point behaves for
+// the new key as it did for the last one: every entry below the side it
+// took agrees with the last key up to its bit, and so with the new key.
+// Kept only while a tree of some size is being filled.
+constexpr unsigned kMaxPath = 2 * 129 + 1;
+struct InsertPath {
+    unsigned depth = 0;  // links kept
+    unsigned len = 0;    // the last key's length
+    struct {
+        std::uint64_t hi = 0, lo = 0;
+    } key;  // the last key as a word (see KeyWord)
+    void **link[kMaxPath];
+    unsigned bit[kMaxPath];  // the bit the step from link[i] tested
+};
+constexpr std::size_t kPathFrom = 64;  // entries before a tree keeps its insert path
+
 struct radix_head {
     std::size_t key_offset = 0;
     std::size_t keylen_offset = 0;
@@ -127,6 +146,7 @@ struct radix_head {
     // far apart to be named by offsets.  Lookups read it without the lock.
     std::atomic<bool> unindexable{false};
     std::mutex index_mu;
+    struct InsertPath *last_insert = nullptr;  // while a large tree is being filled
 };
 
 namespace {
@@ -196,18 +216,6 @@ inline bool prefix_equal(const std::uint8_t *a, const std::uint8_t *b, unsigned 
     return rest == 0 || ((a[full] ^ b[full]) & (0xFF00u >> rest) & 0xFFu) == 0;
 }
 
-// First bit where a and b differ, looking at no more than n bits.
-inline unsigned first_difference(const std::uint8_t *a, const std::uint8_t *b, unsigned n) {
-    for (unsigned i = 0; i < (n + 7) / 8; ++i) {
-        const unsigned x = a[i] ^ b[i];
-        if (x != 0) {
-            const unsigned b0 = i * 8 + static_cast<unsigned>(__builtin_clz(x) - 24);
-            return b0 < n ? b0 : n;
-        }
-    }
-    return n;
-}
-
 // Any entry in the subtree of a link.  A glue node's owner always lies
 // below it (the owner is one of the two sides it was made for, and entries
 // never move out of a subtree), so this reads one node.
@@ -230,34 +238,6 @@ unsigned top_bits(std::size_t count) {
     return b < kTopMinBits ? kTopMinBits : b > kTopMaxBits ? kTopMaxBits : b;
 }
 
-// Bits [from, from + count) of a key of `len` bits as a number, bits past
-// `len` as zeros (count <= 32; no byte past the key's length is read).
-inline std::uint32_t bits_at(const std::uint8_t *key, unsigned len, unsigned from, unsigned count) {
-    const unsigned end = len < from + count ? len : from + count;
-    if (end <= from) return 0;
-    const unsigned first = from / 8, n = (end + 7) / 8 - first;  // 1 to 5 bytes
-    // Whole loads where they fit, but never past the key's own bytes.
-    const std::uint8_t *p = key + first;
-    std::uint64_t w;
-    if (n >= 4) {
-        std::uint32_t x;
-        std::memcpy(&x, p, 4);
-        w = __builtin_bswap32(x);
-        if (n == 5) w = w << 8 | p[4];
-    } else if (n >= 2) {
-        std::uint16_t x;
-        std::memcpy(&x, p, 2);
-        w = __builtin_bswap16(x);
-        if (n == 3) w = w << 8 | p[2];
-    } else {
-        w = p[0];
-    }
-    const unsigned lead = from - first * 8, kept = end - from;  // lead + count <= 39
-    w = (w << (64 - 8 * n + lead)) >> (64 - count);
-    return static_cast<std::uint32_t>(kept < count ? w & ~((std::uint64_t{1} << (count - kept)) - 1)
-                                                   : w);
-}
-
 inline std::uint64_t load_be(const std::uint8_t *p, std::uint64_t x) {
     std::memcpy(&x, p, 8);
     return __builtin_bswap64(x);
@@ -272,7 +252,7 @@ inline std::uint16_t load_be(const std::uint8_t *p, std::uint16_t x) {
 }
 
 // The first `bits` bits set (bits <= 128).
-inline KeyWord leading_ones(unsigned bits) {
+__attribute__((always_inline)) inline KeyWord leading_ones(unsigned bits) {
     const std::uint64_t all = ~std::uint64_t{0};
     if (bits == 0) return {0, 0};
     if (bits <= 64) return {all << (64 - bits), 0};
@@ -282,7 +262,8 @@ inline KeyWord leading_ones(unsigned bits) {
 // A key of `len` bits as a KeyWord, `m` being leading_ones(len).  Only
 // the key's own (len + 7) / 8 bytes are read: two loads that overlap in the
 // middle cover any count.
-inline KeyWord key_word(const std::uint8_t *key, unsigned len, const KeyWord &m) {
+__attribute__((always_inline)) inline KeyWord key_word(const std::uint8_t *key, unsigned len,
+                                                       const KeyWord &m) {
     const unsigned n = (len + 7) / 8;
     KeyWord k{0, 0};
     if (n > 8) {
@@ -299,7 +280,7 @@ inline KeyWord key_word(const std::uint8_t *key, unsigned len, const KeyWord &m)
     }
     return {k.hi & m.hi, k.lo & m.lo};
 }
-inline KeyWord key_word(const std::uint8_t *key, unsigned len) {
+__attribute__((always_inline)) inline KeyWord key_word(const std::uint8_t *key, unsigned len) {
     return key_word(key, len, leading_ones(len));
 }
 
@@ -350,6 +331,20 @@ inline std::uint32_t bits_in(const KeyWord &k, unsigned from, unsigned count) {
 // Whether two key words agree on the bits of a mask.
 inline bool agree(const KeyWord &a, const KeyWord &b, const KeyWord &mask) {
     return (((a.hi ^ b.hi) & mask.hi) | ((a.lo ^ b.lo) & mask.lo)) == 0;
+}
+
+// The first bit where two key words differ, looking at no more than n bits.
+inline unsigned first_difference(const KeyWord &a, const KeyWord &b, unsigned n) {
+    const std::uint64_t hi = a.hi ^ b.hi, lo = a.lo ^ b.lo;
+    const unsigned at = hi != 0   ? static_cast<unsigned>(__builtin_clzll(hi))
+                        : lo != 0 ? 64 + static_cast<unsigned>(__builtin_clzll(lo))
+                                  : 128;
+    return at < n ? at : n;
+}
+
+// Bit b of a key word (b < 128).
+inline unsigned bit_of(const KeyWord &k, unsigned b) {
+    return static_cast<unsigned>(b < 64 ? k.hi >> (63 - b) : k.lo >> (127 - b)) & 1;
 }
 
 // Where the tree first branches: the entries above that bit form one chain,
@@ -406,7 +401,16 @@ class IndexBuilder {
   public:
     IndexBuilder(const radix_head *h, const std::vector<radix_node *> &entries, std::uintptr_t base,
                  unsigned scale)
-        : t_{h}, e_(entries), base_(base), scale_(scale) {}
+        : t_{h}, e_(entries), base_(base), scale_(scale) {
+        // Each entry's key and length read once, in order, rather than
+        // from the entry at every level that sorts it.
+        key_.reserve(entries.size());
+        len_.reserve(entries.size());
+        for (const radix_node *e : entries) {
+            len_.push_back(t_.len(e));
+            key_.push_back(key_word(t_.key(e), len_.back()));
+        }
+    }
 
     std::vector<std::uint32_t> top;
     std::vector<Line> lines;
@@ -450,8 +454,8 @@ class IndexBuilder {
         const unsigned end = depth + bits;
         for (std::size_t i = lo; i < hi;) {
             const radix_node *e = e_[i];
-            const unsigned el = t_.len(e);
-            const std::uint32_t slot = bits_at(t_.key(e), el, depth, bits);
+            const unsigned el = len_[i];
+            const std::uint32_t slot = bits_of(key_[i], depth, bits);
             if (el <= end) {
                 // Entries come before the entries they cover: a later one
                 // paints over the part it covers.
@@ -462,9 +466,7 @@ class IndexBuilder {
             }
             // The entries inside one slot follow each other.
             std::size_t j = i + 1;
-            while (j < hi && t_.len(e_[j]) > end &&
-                   bits_at(t_.key(e_[j]), t_.len(e_[j]), depth, bits) == slot)
-                ++j;
+            while (j < hi && len_[j] > end && bits_of(key_[j], depth, bits) == slot) ++j;
             groups.push_back({slot, i, j});
             i = j;
         }
@@ -507,15 +509,13 @@ class IndexBuilder {
         };
         for (std::size_t i = lo; i < hi && runs.size() <= kMaxRuns;) {
             const radix_node *e = e_[i];
-            const unsigned el = t_.len(e);
-            const std::uint64_t start = bits_at(t_.key(e), el, depth, bits);
+            const unsigned el = len_[i];
+            const std::uint64_t start = bits_of(key_[i], depth, bits);
             close_before(start);
             if (el > end) {
                 // The entries inside one position follow each other.
                 std::size_t j = i + 1;
-                while (j < hi && t_.len(e_[j]) > end &&
-                       bits_at(t_.key(e_[j]), t_.len(e_[j]), depth, bits) == start)
-                    ++j;
+                while (j < hi && len_[j] > end && bits_of(key_[j], depth, bits) == start) ++j;
                 out.below.push_back(open.back().second);
                 begin(start, kChild + static_cast<std::uint32_t>(out.groups.size()));
                 out.groups.push_back({static_cast<std::uint32_t>(start), i, j});
@@ -538,7 +538,7 @@ class IndexBuilder {
         // does not, the entry covering it (`up`) does.
         if (hi - lo == 1) return kCheck | ref(e_[lo]);
         unsigned longest = 0;
-        for (std::size_t i = lo; i < hi; ++i) longest = std::max<unsigned>(longest, t_.len(e_[i]));
+        for (std::size_t i = lo; i < hi; ++i) longest = std::max<unsigned>(longest, len_[i]);
         const unsigned bits = std::min(longest - depth, 32u);
         Plan p;
         if (plan(depth, bits, lo, hi, up, p)) return run_node(depth, bits, p, up);
@@ -621,6 +621,8 @@ class IndexBuilder {
 
     Tree t_;
     const std::vector<radix_node *> &e_;
+    std::vector<KeyWord> key_;       // e_[i]'s key
+    std::vector<std::uint8_t> len_;  // and its length
     std::uintptr_t base_;
     unsigned scale_;
 };
@@ -690,6 +692,8 @@ void collapse_to_huge_pages(std::uintptr_t lo, std::uintptr_t hi, std::size_t de
 __attribute__((noinline, cold)) const RadixIndex *make_index(radix_head *h) {
     std::lock_guard lock(h->index_mu);
     if (const RadixIndex *ix = h->index.load(std::memory_order_relaxed)) return ix;
+    // Lookups have begun: the tree is filled.
+    delete std::exchange(h->last_insert, nullptr);
     if (h->unindexable.load(std::memory_order_relaxed)) return nullptr;
     const Tree t{h};
     const std::vector<radix_node *> entries = entries_in_order(h);
@@ -858,7 +862,8 @@ std::uint32_t run_answer(const RadixIndex &ix, const unsigned char *p, const Run
 
 // Longest match through the index, for keys that share the common bits.
 template <bool Narrow>
-__attribute__((always_inline)) inline radix_node *indexed_match(const Tree &t, const RadixIndex &ix, unsigned len, const KeyWord &kw) {
+__attribute__((always_inline)) inline radix_node *indexed_match(const Tree &t, const RadixIndex &ix,
+                                                                unsigned len, const KeyWord &kw) {
     std::uint32_t ref = ix.top[bits_in<Narrow>(kw, ix.skip, ix.top_bits)];
     unsigned depth = ix.skip + ix.top_bits;
     while (ref >= kRunTag) {
@@ -994,10 +999,35 @@ int rn_insert(struct radix_head *head, void *entry) {
     // Follow the new key as far as it leads, keeping every link taken, then
     // measure where it parts from an entry found there.  Each step goes at
     // least one bit deeper, alternating at worst between entries and glue
-    // nodes, so 2 * 129 + 1 links hold any path.
-    Link *path[2 * 129 + 1];
+    // nodes, so kMaxPath links hold any path.  A tree being filled starts
+    // where the new key parts from the last one's path.
+    InsertPath *ip = head->last_insert;
+    if (ip == nullptr && head->count >= kPathFrom)
+        ip = head->last_insert = new (std::nothrow) InsertPath;
+    Link *own_link[kMaxPath];
+    unsigned own_bit[kMaxPath];
+    Link **path = ip != nullptr ? ip->link : own_link;
+    unsigned *bits = ip != nullptr ? ip->bit : own_bit;
+    const KeyWord kw = key_word(k, len);
     unsigned depth = 0;
-    for (Link *step = &head->root;;) {
+    if (ip != nullptr && ip->depth > 0) {
+        // Steps test strictly increasing bits: the kept ones are those
+        // before the first that tests a bit where the keys part or past the
+        // new key's end.
+        const unsigned stop = std::min(
+            first_difference(kw, KeyWord{ip->key.hi, ip->key.lo}, std::min(len, ip->len)), len);
+        for (unsigned n = ip->depth; n > 0;) {
+            const unsigned half = n / 2;
+            if (bits[depth + half] < stop) {
+                depth += half + 1;
+                n -= half + 1;
+            } else {
+                n = half;
+            }
+        }
+    }
+    const unsigned kept = depth;  // steps that lead on towards the new key as they did
+    for (Link *step = depth == 0 ? &head->root : path[depth];;) {
         path[depth++] = step;
         Link l = *step;
         if (l == nullptr) break;
@@ -1005,26 +1035,37 @@ int rn_insert(struct radix_head *head, void *entry) {
             radix_node *g = glue_owner(l);
             const unsigned gb = glue_bit(g);
             if (gb >= len) break;
-            step = &g->rn_glue_link[bit_at(k, gb)];
+            bits[depth - 1] = gb;
+            step = &g->rn_glue_link[bit_of(kw, gb)];
         } else {
             radix_node *e = entry_node(l);
-            if (t.len(e) >= len) break;
-            step = &e->rn_link[bit_at(k, t.len(e))];
+            const unsigned el = t.len(e);
+            if (el >= len) break;
+            bits[depth - 1] = el;
+            step = &e->rn_link[bit_of(kw, el)];
         }
     }
     Link last = *path[depth - 1];
     const radix_node *ref = last != nullptr ? some_entry(last) : entry_node(*path[depth - 2]);
-    const unsigned ref_len = t.len(ref);
-    const unsigned d = first_difference(k, t.key(ref), len < ref_len ? len : ref_len);
+    const unsigned common = std::min(len, static_cast<unsigned>(t.len(ref)));
+    const unsigned d = first_difference(kw, key_word(t.key(ref), common), common);
 
     // The link where the new entry (or a glue node) goes is on that path:
-    // the first one that does not lead on towards bit d.
+    // the first one that does not lead on towards bit d.  The links above
+    // stay as they are: the next insert may start below them.
+    auto keep = [&](unsigned links) {
+        if (ip == nullptr) return;
+        ip->depth = links;
+        ip->len = len;
+        ip->key = {kw.hi, kw.lo};
+    };
     Link *at = nullptr;
-    for (unsigned i = 0; at == nullptr; ++i) {
+    for (unsigned i = kept; at == nullptr; ++i) {
         Link x = *path[i];
         if (x == nullptr) {
             *path[i] = n;
             ++head->count;
+            keep(i);
             return 0;
         }
         if (is_glue(x)) {
@@ -1032,9 +1073,13 @@ int rn_insert(struct radix_head *head, void *entry) {
         } else {
             radix_node *e = entry_node(x);
             const unsigned el = t.len(e);
-            if (el == d && d == len) return 1;  // same key and length
+            if (el == d && d == len) {  // same key and length
+                keep(i);
+                return 1;
+            }
             if (!(el <= d && el < len)) at = path[i];
         }
+        if (at != nullptr) keep(i);
     }
 
     Link x = *at;
@@ -1051,7 +1096,7 @@ int rn_insert(struct radix_head *head, void *entry) {
         *at = n;
     } else {
         // The keys part at bit d: the new entry's own glue node branches there.
-        const int side = bit_at(k, d);
+        const int side = static_cast<int>(bit_of(kw, d));
         set_glue_bit(n, d);
         n->rn_glue_link[side] = n;
         n->rn_glue_link[1 - side] = x;
@@ -1105,6 +1150,7 @@ void rn_tree_destroy(struct radix_head **head) {
     if (h->destructor != nullptr)
         for (radix_node *e : entries) h->destructor(e);
     free_index(h->index.load());
+    delete h->last_insert;
     delete h;
     *head = nullptr;
 }

@@ -3,6 +3,7 @@
 // written here: how statements are laid out, compiled and evaluated, and who
 // owns instance contexts.  The registry, hooks, error texts and logging are
 // exercised by every test of tests/lib, tests/alloc and tests/startup.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 
 #include "kela_ref.h"
 #include "kela_ref_hooks.h"
+#include "qv_inet.h"
 
 namespace {
 
@@ -261,3 +263,31 @@ TEST_F(Platform, EvaluationUpdatesFirstThenCompares) {
 }
 
 }  // namespace
+
+// The platform reads IPv4 texts itself; the C library's reader is the rule.
+TEST(Address, Ipv4TextsAreReadAsTheCLibraryReadsThem) {
+    for (const char *text : {"0.0.0.0",
+                             "255.255.255.255",
+                             "10.1.2.3",
+                             "1.2.3",
+                             "1.2.3.4.5",
+                             "1.2.3.",
+                             ".1.2.3.4",
+                             "01.2.3.4",
+                             "1.2.3.04",
+                             "1.2.3.00",
+                             "256.1.1.1",
+                             "1.2.3.2555",
+                             "1..2.3",
+                             "",
+                             "1.2.3.4 ",
+                             " 1.2.3.4",
+                             "1.2.3.-4",
+                             "1.2.3.4x",
+                             "99999999999.1.1.1",
+                             "1.2.3.4\n"}) {
+        unsigned char ours[4] = {7, 7, 7, 7}, libc[4] = {7, 7, 7, 7};
+        EXPECT_EQ(qv_inet_pton(QV_AF_INET, text, ours), inet_pton(AF_INET, text, libc)) << text;
+        EXPECT_EQ(0, std::memcmp(ours, libc, 4)) << text;
+    }
+}
