@@ -466,19 +466,36 @@ inline bool kept_out(const shared_kela_prefix_matchspec_td *s, unsigned len,
     return len < lower || len > std::max(s->len, s->le);
 }
 
-// Whether any entry of the record accepts the value.
-bool any_accepts(const Info *info, shared_kela_prefix_addr_td *value,
-                 shared_kela_prefix_cmp_td kind) {
-    // Most keys hold one entry: `first` names it without going through
-    // the array.
-    const unsigned len = value->len;
-    if (info->count == 1)
-        return !(len != 0 && kept_out(info->first, len, kind)) &&
-               shared_kela_prefix_match(value, info->first, kind) != 0;
-    for (std::int32_t i = 0; i < info->count; ++i) {
-        shared_kela_prefix_matchspec_td *spec = info->specs[i];
-        if (!(len != 0 && kept_out(spec, len, kind)) &&
-            shared_kela_prefix_match(value, spec, kind) != 0)
+// Whether an entry accepts the value, its bounds tested here first.
+inline bool accepts(shared_kela_prefix_addr_td *value, shared_kela_prefix_matchspec_td *spec,
+                    shared_kela_prefix_cmp_td kind) {
+    return !(value->len != 0 && kept_out(spec, value->len, kind)) &&
+           shared_kela_prefix_match(value, spec, kind) != 0;
+}
+
+// Whether any entry of a record of several (or of the wild list) accepts
+// the value.  Kept out of line: the lookup's loop stays small.
+__attribute__((noinline)) bool any_accepts(const Info *info, shared_kela_prefix_addr_td *value,
+                                           shared_kela_prefix_cmp_td kind) {
+    for (std::int32_t i = 0; i < info->count; ++i)
+        if (accepts(value, info->specs[i], kind)) return true;
+    return false;
+}
+
+// The mask phase: each mask's tree probed with the value's address under
+// the mask.
+__attribute__((noinline)) bool mask_accepts(const MaskNode *first,
+                                            shared_kela_prefix_addr_td *value) {
+    const std::uint8_t bytes = value->family == kV4 ? 4 : 16;
+    for (const MaskNode *node = first; node != nullptr; node = node->next) {
+        // The probe lives on the stack: evaluation allocates nothing.
+        std::uint8_t probe[16];
+        for (std::uint8_t i = 0; i < bytes; ++i)
+            probe[i] = static_cast<std::uint8_t>(value->addr[i] & ~node->key[i]);
+        auto *entry = static_cast<AclEntry *>(
+            rn_lookup(node->head, probe, static_cast<std::uint8_t>(bytes * 8)));
+        if (entry != nullptr && entry->spec->is_acl == 1 &&
+            shared_kela_prefix_match_acl(value, entry->spec) != 0)
             return true;
     }
     return false;
@@ -497,26 +514,17 @@ bool set_accepts(const Ctx *ctx, shared_kela_prefix_addr_td *value) {
         auto *entry =
             static_cast<Info *>(rn_lookup(tree, value->addr, static_cast<std::uint8_t>(n)));
         if (entry == nullptr) break;
-        if (any_accepts(entry, value, kind)) return true;
+        // Most keys hold one entry: `first` names it without going through
+        // the array.
+        if (entry->count == 1 ? accepts(value, entry->first, kind)
+                              : any_accepts(entry, value, kind))
+            return true;
         if (entry->keylen <= 1) break;
         n = entry->keylen - 1u;
     }
 
-    MaskNode *first = v4 ? *ctx->v4_lists : *ctx->v6_lists;
-    if (first == nullptr) return false;
-    const std::uint8_t bytes = v4 ? 4 : 16;
-    for (MaskNode *node = first; node != nullptr; node = node->next) {
-        // The probe lives on the stack: evaluation allocates nothing.
-        std::uint8_t probe[16];
-        for (std::uint8_t i = 0; i < bytes; ++i)
-            probe[i] = static_cast<std::uint8_t>(value->addr[i] & ~node->key[i]);
-        auto *entry = static_cast<AclEntry *>(
-            rn_lookup(node->head, probe, static_cast<std::uint8_t>(bytes * 8)));
-        if (entry != nullptr && entry->spec->is_acl == 1 &&
-            shared_kela_prefix_match_acl(value, entry->spec) != 0)
-            return true;
-    }
-    return false;
+    const MaskNode *first = v4 ? *ctx->v4_lists : *ctx->v6_lists;
+    return first != nullptr && mask_accepts(first, value);
 }
 
 }  // namespace

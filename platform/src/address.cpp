@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Address text conversion over the C library's inet_pton/inet_ntop (IPv4
-// texts read here, by the same rule), and the IPv4 prefix-range rule.
+// Address text conversion: texts read here by the C library's inet_pton
+// rule, written by its inet_ntop; and the IPv4 prefix-range rule.
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
@@ -40,6 +40,67 @@ int parse_ipv4(const char *text, void *dst) {
     return 1;
 }
 
+// IPv6 as inet_pton reads it: up to eight groups of one to four hex
+// digits, one "::" standing for the zero groups left out, and dotted IPv4
+// for the last two; dst is written only on success.  Read here for the same
+// reason as IPv4.
+int parse_ipv6(const char *text, void *dst) {
+    unsigned char out[16] = {};
+    unsigned at = 0;           // bytes written
+    int gap = -1;              // where "::" stands, in bytes
+    const char *token = text;  // where the current group began
+    unsigned digits = 0, value = 0;
+    const char *p = text;
+    // A leading "::" is one token; a lone leading ':' is refused.
+    if (*p == ':' && *++p != ':') return 0;
+    while (*p != '\0') {
+        const unsigned c = static_cast<unsigned char>(*p++);
+        const unsigned d = c - '0' <= 9            ? c - '0'
+                           : (c | 0x20) - 'a' <= 5 ? (c | 0x20) - 'a' + 10
+                                                   : 16;
+        if (d < 16) {
+            if (digits == 4) return 0;
+            value = value << 4 | d;
+            ++digits;
+            continue;
+        }
+        if (c == ':') {
+            token = p;
+            if (digits == 0) {
+                if (gap >= 0) return 0;
+                gap = static_cast<int>(at);
+                continue;
+            }
+            if (*p == '\0' || at + 2 > 16) return 0;
+            out[at++] = static_cast<unsigned char>(value >> 8);
+            out[at++] = static_cast<unsigned char>(value);
+            digits = value = 0;
+            continue;
+        }
+        if (c == '.' && at + 4 <= 16 && parse_ipv4(token, out + at) == 1) {
+            at += 4;
+            digits = 0;
+            break;
+        }
+        return 0;
+    }
+    if (digits > 0) {
+        if (at + 2 > 16) return 0;
+        out[at++] = static_cast<unsigned char>(value >> 8);
+        out[at++] = static_cast<unsigned char>(value);
+    }
+    if (gap >= 0) {
+        if (at == 16) return 0;  // "::" must stand for at least one group
+        const unsigned tail = at - static_cast<unsigned>(gap);
+        std::memmove(out + 16 - tail, out + gap, tail);
+        std::memset(out + gap, 0, 16 - tail - static_cast<unsigned>(gap));
+        at = 16;
+    }
+    if (at != 16) return 0;
+    std::memcpy(dst, out, 16);
+    return 1;
+}
+
 }  // namespace
 
 extern "C" {
@@ -48,8 +109,7 @@ int qv_inet_pton(int family, const char *text, void *dst) {
     const int af = native_family(family);
     if (af < 0) return -1;
     if (text == nullptr || dst == nullptr) return 0;
-    if (af == AF_INET) return parse_ipv4(text, dst);
-    return inet_pton(af, text, dst);
+    return af == AF_INET ? parse_ipv4(text, dst) : parse_ipv6(text, dst);
 }
 
 const char *qv_inet_ntop(int family, const void *src, char *buf, size_t size) {

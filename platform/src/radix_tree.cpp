@@ -109,7 +109,7 @@ struct RadixIndex {
     std::uint64_t generation;   // unique in the process: names this tree as it now is
     std::uintptr_t base;        // the lowest entry; entry offsets count from it
     unsigned scale;             // log2 of the offsets' unit
-    unsigned span;              // an entry's bytes that a lookup reads: header to key
+    unsigned hot_from, hot_to;  // an entry's bytes that a lookup reads: its link up to its key
     const std::uint32_t *top;   // 1 << T references
     const Line *lines;          // run nodes
     const std::uint32_t *pool;  // slots of the tables below the top one
@@ -750,7 +750,13 @@ __attribute__((noinline, cold)) const RadixIndex *make_index(radix_head *h) {
     ix->generation = generations.fetch_add(1, std::memory_order_relaxed) + 1;
     ix->base = lo;
     ix->scale = scale;
-    ix->span = static_cast<unsigned>(std::max(h->key_offset + 16, h->keylen_offset + 1));
+    // What a lookup reads of an entry: the link up, the length and the key
+    // (the child links only a walk from the root reads).
+    ix->hot_from = static_cast<unsigned>(
+        std::min({offsetof(radix_node, rn_up), h->keylen_offset, h->key_offset}));
+    ix->hot_to =
+        static_cast<unsigned>(std::max({offsetof(radix_node, rn_up) + sizeof(std::uintptr_t),
+                                        h->keylen_offset + 1, h->key_offset + (longest + 7) / 8}));
     std::copy(b.top.begin(), b.top.end(), reinterpret_cast<std::uint32_t *>(mem + top_at));
     std::copy(b.lines.begin(), b.lines.end(), reinterpret_cast<Line *>(mem + lines_at));
     std::copy(b.pool.begin(), b.pool.end(), reinterpret_cast<std::uint32_t *>(mem + pool_at));
@@ -819,13 +825,14 @@ inline radix_node *entry_at(const RadixIndex &ix, std::uint32_t ref) {
                           ix.base + ((std::uintptr_t{ref & (kCheck - 1)} - 1) << ix.scale));
 }
 
-// Asks for an entry's lines, from its header to its key, so that they
-// arrive together.
+// Asks for the lines of an entry that a lookup reads, so that they arrive
+// together.
 inline void prefetch_entry(const RadixIndex &ix, std::uint32_t ref) {
     if (ref == 0) return;
     const char *e = reinterpret_cast<const char *>(entry_at(ix, ref));
-    for (unsigned at = 0; at < ix.span; at += 64) __builtin_prefetch(e + at);
-    __builtin_prefetch(e + ix.span - 1);
+    __builtin_prefetch(e + ix.hot_from);
+    for (unsigned at = ix.hot_from + 64; at < ix.hot_to; at += 64) __builtin_prefetch(e + at);
+    __builtin_prefetch(e + ix.hot_to - 1);
 }
 
 // The last run of a node starting at or before `at` (the first starts at 0).
@@ -907,8 +914,9 @@ __attribute__((always_inline)) inline radix_node *indexed_match(const Tree &t, c
 
 // Longest match through a tree's index.
 template <bool Narrow>
-inline radix_node *indexed_lookup(const Tree &t, const RadixIndex *ix, const uint8_t *key,
-                                  unsigned len) {
+__attribute__((always_inline)) inline radix_node *indexed_lookup(const Tree &t,
+                                                                 const RadixIndex *ix,
+                                                                 const uint8_t *key, unsigned len) {
     // No entry is longer than 128 bits, none of a narrow tree longer than
     // 64: a longer bound finds what those find.
     if (const unsigned most = Narrow ? 64 : 128; len > most) len = most;
@@ -936,10 +944,16 @@ inline radix_node *indexed_lookup(const Tree &t, const RadixIndex *ix, const uin
     return remember(t, ix, indexed_match<Narrow>(t, *ix, len, kw), kw);
 }
 
-inline radix_node *indexed_lookup(const Tree &t, const RadixIndex *ix, const uint8_t *key,
-                                  unsigned len) {
-    return ix->narrow ? indexed_lookup<true>(t, ix, key, len)
-                      : indexed_lookup<false>(t, ix, key, len);
+// Keys past 64 bits, out of line: the narrow lookup stays in rn_lookup.
+__attribute__((noinline)) radix_node *wide_lookup(const Tree &t, const RadixIndex *ix,
+                                                  const uint8_t *key, unsigned len) {
+    return indexed_lookup<false>(t, ix, key, len);
+}
+
+__attribute__((always_inline)) inline radix_node *indexed_lookup(const Tree &t,
+                                                                 const RadixIndex *ix,
+                                                                 const uint8_t *key, unsigned len) {
+    return ix->narrow ? indexed_lookup<true>(t, ix, key, len) : wide_lookup(t, ix, key, len);
 }
 
 // Longest match at most `len` long.  Searches (used while sets are built,
