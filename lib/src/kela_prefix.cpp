@@ -72,13 +72,33 @@ using namespace kela::prefix;
 
 namespace {
 
+// A length: one or two digits alone (nearly every one) read here, anything
+// else by the general reader, which gives these the same value.  A large
+// set's build reads three an entry.
+vogno cvt_length(const char *text, int strict, std::uint32_t *out) {
+    if (const unsigned d0 =
+            text != nullptr ? static_cast<unsigned char>(text[0]) - unsigned{'0'} : 10;
+        d0 <= 9) {
+        if (text[1] == '\0') {
+            *out = d0;
+            return 0;
+        }
+        if (const unsigned d1 = static_cast<unsigned char>(text[1]) - unsigned{'0'};
+            d1 <= 9 && text[2] == '\0') {
+            *out = d0 * 10 + d1;
+            return 0;
+        }
+    }
+    return kela::cvt_decimal(text, strict, out);
+}
+
 // Parses the three numbers of an entry.
 vogno parse_bounds(const char *len_text, const char *ge_text, const char *le_text, int strict,
                    std::uint32_t *len, std::uint32_t *ge, std::uint32_t *le) {
     vogno st = 0;
-    if (len != nullptr && (st = kela::cvt_decimal(len_text, strict, len)) != 0) return st;
-    if ((st = kela::cvt_decimal(ge_text, strict, ge)) != 0) return st;
-    return kela::cvt_decimal(le_text, strict, le);
+    if (len != nullptr && (st = cvt_length(len_text, strict, len)) != 0) return st;
+    if ((st = cvt_length(ge_text, strict, ge)) != 0) return st;
+    return cvt_length(le_text, strict, le);
 }
 
 std::uint32_t word_at(const std::uint8_t *p, int w) {

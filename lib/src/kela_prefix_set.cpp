@@ -438,7 +438,8 @@ vogno match_ctx_build(std::uint32_t count, char **params, Ctx *ctx) {
         4,
         [&](char **a) {
             // An address/mask entry writes its mask where the length goes.
-            const bool acl = a[1] != nullptr && std::strlen(a[1]) > 3;
+            const bool acl = a[1] != nullptr && a[1][0] != '\0' && a[1][1] != '\0' &&
+                             a[1][2] != '\0' && a[1][3] != '\0';  // longer than 3
             return add_entry(ctx, pending, a[0], a[1], a[2], a[3], acl);
         },
         &st);

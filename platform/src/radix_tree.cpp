@@ -930,7 +930,9 @@ __attribute__((always_inline)) inline radix_node *indexed_lookup(const Tree &t,
     const LastAnswer &last = t_last;
     if (last.generation == ix->generation && len < last.len && agree(kw, last.key, m))
         return remember(t, ix, climb(t, up_of(last.entry), len), kw);
-    if (len < ix->skip || !agree(kw, ix->common, ix->skip_mask)) {
+    // (A narrow tree's common bits lie in the first word.)
+    if (len < ix->skip || ((kw.hi ^ ix->common.hi) & ix->skip_mask.hi) != 0 ||
+        (!Narrow && ((kw.lo ^ ix->common.lo) & ix->skip_mask.lo) != 0)) {
         // Keys off the common bits are answered by the chain above them:
         // its longest entry that ends before the key leaves the common bits
         // (or the key itself ends).
