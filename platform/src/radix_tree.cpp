@@ -372,9 +372,21 @@ unsigned first_branch(const radix_head *h, const radix_node **from) {
 // Every entry in key order, each before the entries it covers, and each
 // entry's rn_up set on the way: everything below an entry extends its key,
 // so the nearest entry above it on its path is the nearest one covering it.
-std::vector<radix_node *> entries_in_order(const radix_head *h) {
-    std::vector<radix_node *> out;
-    out.reserve(h->count);
+// The entries in that order with their keys and lengths, read in the same
+// visit: the index is made from these without reading the entries again
+// (a large set's entries are far more than the caches hold).
+struct Ordered {
+    std::vector<radix_node *> entries;
+    std::vector<KeyWord> keys;
+    std::vector<std::uint8_t> lens;
+};
+
+Ordered entries_in_order(const radix_head *h) {
+    const Tree t{h};
+    Ordered out;
+    out.entries.reserve(h->count);
+    out.keys.reserve(h->count);
+    out.lens.reserve(h->count);
     std::vector<std::pair<Link, radix_node *>> stack;
     if (h->root != nullptr) stack.emplace_back(h->root, nullptr);
     while (!stack.empty()) {
@@ -388,7 +400,9 @@ std::vector<radix_node *> entries_in_order(const radix_head *h) {
         }
         radix_node *e = entry_node(l);
         set_up(e, up);
-        out.push_back(e);
+        out.entries.push_back(e);
+        out.lens.push_back(t.len(e));
+        out.keys.push_back(key_word(t.key(e), out.lens.back()));
         for (int side = 1; side >= 0; --side)
             if (e->rn_link[side] != nullptr) stack.emplace_back(e->rn_link[side], e);
     }
@@ -399,18 +413,13 @@ std::vector<radix_node *> entries_in_order(const radix_head *h) {
 // order (each before the entries it covers).
 class IndexBuilder {
   public:
-    IndexBuilder(const radix_head *h, const std::vector<radix_node *> &entries, std::uintptr_t base,
-                 unsigned scale)
-        : t_{h}, e_(entries), base_(base), scale_(scale) {
-        // Each entry's key and length read once, in order, rather than
-        // from the entry at every level that sorts it.
-        key_.reserve(entries.size());
-        len_.reserve(entries.size());
-        for (const radix_node *e : entries) {
-            len_.push_back(t_.len(e));
-            key_.push_back(key_word(t_.key(e), len_.back()));
-        }
-    }
+    IndexBuilder(const radix_head *h, const Ordered &ordered, std::uintptr_t base, unsigned scale)
+        : t_{h},
+          e_(ordered.entries),
+          key_(ordered.keys),
+          len_(ordered.lens),
+          base_(base),
+          scale_(scale) {}
 
     std::vector<std::uint32_t> top;
     std::vector<Line> lines;
@@ -621,8 +630,8 @@ class IndexBuilder {
 
     Tree t_;
     const std::vector<radix_node *> &e_;
-    std::vector<KeyWord> key_;       // e_[i]'s key
-    std::vector<std::uint8_t> len_;  // and its length
+    const std::vector<KeyWord> &key_;       // e_[i]'s key
+    const std::vector<std::uint8_t> &len_;  // and its length
     std::uintptr_t base_;
     unsigned scale_;
 };
@@ -696,15 +705,16 @@ __attribute__((noinline, cold)) const RadixIndex *make_index(radix_head *h) {
     delete std::exchange(h->last_insert, nullptr);
     if (h->unindexable.load(std::memory_order_relaxed)) return nullptr;
     const Tree t{h};
-    const std::vector<radix_node *> entries = entries_in_order(h);
+    const Ordered ordered = entries_in_order(h);
+    const std::vector<radix_node *> &entries = ordered.entries;
     std::uintptr_t lo = UINTPTR_MAX, hi = 0;
     unsigned longest = 0;
     bool nameable = !entries.empty(), aligned16 = true;
-    for (const radix_node *e : entries) {
-        const auto a = reinterpret_cast<std::uintptr_t>(e);
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        const auto a = reinterpret_cast<std::uintptr_t>(entries[i]);
         lo = a < lo ? a : lo;
         hi = a > hi ? a : hi;
-        longest = std::max<unsigned>(longest, t.len(e));
+        longest = std::max<unsigned>(longest, ordered.lens[i]);
         nameable = nameable && a % 8 == 0;
         aligned16 = aligned16 && a % 16 == 0;
     }
@@ -723,10 +733,10 @@ __attribute__((noinline, cold)) const RadixIndex *make_index(radix_head *h) {
     collapse_to_huge_pages(lo, hi + span, h->count * span);
 
     // The entries up to skip long cover every other one and come first.
-    IndexBuilder b(h, entries, lo, scale);
+    IndexBuilder b(h, ordered, lo, scale);
     std::size_t first = 0;
     std::uint32_t up = 0;
-    while (first < entries.size() && t.len(entries[first]) <= skip) up = b.ref(entries[first++]);
+    while (first < entries.size() && ordered.lens[first] <= skip) up = b.ref(entries[first++]);
     b.build_top(skip, bits, first, entries.size(), up);
     if (b.too_large) {
         h->unindexable.store(true, std::memory_order_relaxed);
