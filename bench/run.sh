@@ -106,21 +106,23 @@ done
 
 # ---- per-query counts: callgrind's cache simulation over one cold pass -----------
 # Both sides, every set: instructions, L1 misses and reads from memory per
-# query of a second cold pass.  D1 as this machine's (48 KiB, 12-way); LL
-# 8 MiB: the share of the last-level cache a process gets here (a chain of
-# dependent reads over a random 4 MiB stays near 20 ns a read, over 8 MiB
-# it costs 120 ns or more), not the figure the hypervisor reports.
-: >"$out/side_counts.jsonl"
-if command -v valgrind >/dev/null; then
-  for name in "${side_sets[@]}"; do
-    for prog in "$kela_side" "$bird_side"; do
-      tag=$(basename "$prog").$name
-      rm -f "$out/cg.$tag".*
-      line=$(valgrind --tool=callgrind --cache-sim=yes --instr-atstart=no \
-        --D1=49152,12,64 --LL=8388608,16,64 --callgrind-out-file="$out/cg.$tag.%p" \
-        "$prog" counts "$sets" "$name" 2>/dev/null)
-      dump=$(grep -l 'Trigger: Client Request: second pass' "$out/cg.$tag".* | head -1)
-      echo "$line" | python3 -c '
+# query of a second cold pass, then per entry of one build.  D1 as this
+# machine's (48 KiB, 12-way); LL 8 MiB: the share of the last-level cache a
+# process gets here (a chain of dependent reads over a random 4 MiB stays
+# near 20 ns a read, over 8 MiB it costs 120 ns or more), not the figure the
+# hypervisor reports.
+# callgrind PROG MODE SET TRIGGER: one JSON line, the program's own with
+# callgrind's totals of the dump named TRIGGER.
+callgrind() {
+  local prog=$1 mode=$2 name=$3 trigger=$4 tag
+  tag=$(basename "$prog").$mode.$name
+  rm -f "$out/cg.$tag".*
+  local line dump
+  line=$(valgrind --tool=callgrind --cache-sim=yes --instr-atstart=no \
+    --D1=49152,12,64 --LL=8388608,16,64 --callgrind-out-file="$out/cg.$tag.%p" \
+    "$prog" "$mode" "$sets" "$name" 2>/dev/null)
+  dump=$(grep -l "Trigger: Client Request: $trigger" "$out/cg.$tag".* | head -1)
+  echo "$line" | python3 -c '
 import json, sys
 rec = json.loads(sys.stdin.read())
 events = summary = None
@@ -128,7 +130,15 @@ for l in open(sys.argv[1]):
     if l.startswith("events:"): events = l.split()[1:]
     if l.startswith("summary:"): summary = [int(x) for x in l.split()[1:]]
 rec.update(dict(zip(events, summary + [0] * len(events))))  # callgrind leaves out trailing zeros
-print(json.dumps(rec))' "$dump" >>"$out/side_counts.jsonl"
+print(json.dumps(rec))' "$dump"
+}
+: >"$out/side_counts.jsonl"
+: >"$out/build_counts.jsonl"
+if command -v valgrind >/dev/null; then
+  for name in "${side_sets[@]}"; do
+    for prog in "$kela_side" "$bird_side"; do
+      callgrind "$prog" counts "$name" "second pass" >>"$out/side_counts.jsonl"
+      callgrind "$prog" build-counts "$name" build >>"$out/build_counts.jsonl"
     done
   done
 fi

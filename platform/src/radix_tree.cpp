@@ -413,13 +413,8 @@ Ordered entries_in_order(const radix_head *h) {
 // order (each before the entries it covers).
 class IndexBuilder {
   public:
-    IndexBuilder(const radix_head *h, const Ordered &ordered, std::uintptr_t base, unsigned scale)
-        : t_{h},
-          e_(ordered.entries),
-          key_(ordered.keys),
-          len_(ordered.lens),
-          base_(base),
-          scale_(scale) {}
+    IndexBuilder(const Ordered &ordered, std::uintptr_t base, unsigned scale)
+        : e_(ordered.entries), key_(ordered.keys), len_(ordered.lens), base_(base), scale_(scale) {}
 
     std::vector<std::uint32_t> top;
     std::vector<Line> lines;
@@ -628,7 +623,6 @@ class IndexBuilder {
         return kTableTag | bits << 26 | static_cast<std::uint32_t>(at);
     }
 
-    Tree t_;
     const std::vector<radix_node *> &e_;
     const std::vector<KeyWord> &key_;       // e_[i]'s key
     const std::vector<std::uint8_t> &len_;  // and its length
@@ -733,7 +727,7 @@ __attribute__((noinline, cold)) const RadixIndex *make_index(radix_head *h) {
     collapse_to_huge_pages(lo, hi + span, h->count * span);
 
     // The entries up to skip long cover every other one and come first.
-    IndexBuilder b(h, ordered, lo, scale);
+    IndexBuilder b(ordered, lo, scale);
     std::size_t first = 0;
     std::uint32_t up = 0;
     while (first < entries.size() && ordered.lens[first] <= skip) up = b.ref(entries[first++]);
