@@ -106,9 +106,12 @@ std::vector<Row> rows() {
     r.push_back({.attr = "fl", .kind = KREF_SET, .op = "assign", .valid = {"blackhole"},
                  .refusals = {
         {{"nope"}, kAsIs, kClient, U}, {{"blackhole", "x"}, kAsIs, kCount, U}}});
-    // Wild, length-form, one key with three entries, mask form and IPv6.
-    const Texts set = seg({{"0.0.0.0", "0", "0", "8"}, {"10.0.0.0", "8", "8", "24"},
-                           {"10.0.0.0", "8", "16", "16"}, {"10.0.0.0", "8", "20", "20"},
+    // Wild, length-form, one key with three entries between two entries of
+    // a longer key on the same address (out of order: they are sorted, and
+    // the two meet), mask form and IPv6.
+    const Texts set = seg({{"0.0.0.0", "0", "0", "8"}, {"10.0.0.0", "16", "16", "16"},
+                           {"10.0.0.0", "8", "8", "24"}, {"10.0.0.0", "8", "16", "16"},
+                           {"10.0.0.0", "8", "20", "20"}, {"10.0.0.0", "16", "16", "24"},
                            {"172.16.0.0", "0.15.255.255", "16", "24"},
                            {"2001:db8::", "32", "32", "48"}});
     for (const char *op : {"pfxmatch", "pfxlonger", "pfxorlonger"})
