@@ -57,7 +57,7 @@
 // begin with pointers); a tree whose entries lie too far apart for that is
 // walked from the root.  A slot whose keys hold a single entry names it
 // with a flag, "check the key against it": the entry covering it is the
-// slot's fallback, so no node is needed.  Indexes of a few megabytes and
+// slot's fallback, so no node is needed.  Indexes of two megabytes and
 // more live in their own mapping, asked for huge pages, so that their reads
 // do not also miss the address translation.
 //
@@ -227,7 +227,7 @@ radix_node *some_entry(Link l) {
 // anyway, and the index would cost more than the tree.
 constexpr std::size_t kIndexFrom = 256;
 constexpr unsigned kTopMinBits = 8, kTopMaxBits = 16, kTableBits = 8;
-constexpr std::size_t kMapFrom = std::size_t{4} << 20;  // indexes this large get their own mapping
+constexpr std::size_t kMapFrom = std::size_t{2} << 20;  // indexes this large get their own mapping
 constexpr std::size_t kHugePage = std::size_t{2} << 20;
 
 // About eight table slots per entry, up to 2^16: a small set's keys then
