@@ -127,9 +127,7 @@ constexpr unsigned kMaxPath = 2 * 129 + 1;
 struct InsertPath {
     unsigned depth = 0;  // links kept
     unsigned len = 0;    // the last key's length
-    struct {
-        std::uint64_t hi = 0, lo = 0;
-    } key;  // the last key as a word (see KeyWord)
+    KeyWord key{0, 0};   // the last key
     void **link[kMaxPath];
     unsigned bit[kMaxPath];  // the bit the step from link[i] tested
 };
@@ -146,7 +144,7 @@ struct radix_head {
     // far apart to be named by offsets.  Lookups read it without the lock.
     std::atomic<bool> unindexable{false};
     std::mutex index_mu;
-    struct InsertPath *last_insert = nullptr;  // while a large tree is being filled
+    InsertPath *last_insert = nullptr;  // while a large tree is being filled
 };
 
 namespace {
@@ -369,18 +367,18 @@ unsigned first_branch(const radix_head *h, const radix_node **from) {
     return last != nullptr ? t.len(last) : 0;
 }
 
-// Every entry in key order, each before the entries it covers, and each
-// entry's rn_up set on the way: everything below an entry extends its key,
-// so the nearest entry above it on its path is the nearest one covering it.
-// The entries in that order with their keys and lengths, read in the same
-// visit: the index is made from these without reading the entries again
-// (a large set's entries are far more than the caches hold).
+// A tree's entries in key order with their keys and lengths, read in the
+// same visit: the index is made from these without reading the entries
+// again (a large set's entries are far more than the caches hold).
 struct Ordered {
     std::vector<radix_node *> entries;
     std::vector<KeyWord> keys;
     std::vector<std::uint8_t> lens;
 };
 
+// Every entry in key order, each before the entries it covers, and each
+// entry's rn_up set on the way: everything below an entry extends its key,
+// so the nearest entry above it on its path is the nearest one covering it.
 Ordered entries_in_order(const radix_head *h) {
     const Tree t{h};
     Ordered out;
@@ -1034,8 +1032,7 @@ int rn_insert(struct radix_head *head, void *entry) {
         // Steps test strictly increasing bits: the kept ones are those
         // before the first that tests a bit where the keys part or past the
         // new key's end.
-        const unsigned stop = std::min(
-            first_difference(kw, KeyWord{ip->key.hi, ip->key.lo}, std::min(len, ip->len)), len);
+        const unsigned stop = first_difference(kw, ip->key, std::min(len, ip->len));
         for (unsigned n = ip->depth; n > 0;) {
             const unsigned half = n / 2;
             if (bits[depth + half] < stop) {
@@ -1077,7 +1074,7 @@ int rn_insert(struct radix_head *head, void *entry) {
         if (ip == nullptr) return;
         ip->depth = links;
         ip->len = len;
-        ip->key = {kw.hi, kw.lo};
+        ip->key = kw;
     };
     Link *at = nullptr;
     for (unsigned i = kept; at == nullptr; ++i) {
