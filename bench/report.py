@@ -197,6 +197,17 @@ for s in SIDE_SETS:
                f"{fmt_ratio(s, 'build_ns')} | {ratio(s, 'bytes_per_entry')[0]:.2f}x | "
                f"{median_of(s, 'kela', 'cold_ns'):.0f} | {median_of(s, 'bird', 'cold_ns'):.0f} |")
 out += ["", "### Targets\n", "| Measure | Result (median, spread) | Target | |", "|---|---|---|---|"] + targets + [""]
+def both_sides(counts_of, formats):
+    """Table rows of callgrind's counts, this project / BIRD, for every set both have; then a blank."""
+    rows = []
+    for s in SIDE_SETS:
+        a, b = counts_of(s, "kela"), counts_of(s, "bird")
+        if a is not None and b is not None:
+            cells = " | ".join(f"{x:{f}} / {y:{f}}" for x, y, f in zip(a, b, formats))
+            rows.append(f"| {side_label(s)} | {cells} |")
+    return rows + [""]
+
+
 if any((s, "kela") in counts for s in SIDE_SETS):
     out += ["### Per query, from callgrind\n",
             "A second cold pass over the same 200,000 queries under callgrind's cache simulation (L1 48 KiB; last "
@@ -205,23 +216,13 @@ if any((s, "kela") in counts for s in SIDE_SETS):
             "asked for together count one each) nor the address translation (this project's large sets sit on huge "
             "pages, BIRD's trie on 4 KiB pages).\n",
             "| Set | instructions | L1 misses | reads from memory |", "|---|---:|---:|---:|"]
-    for s in SIDE_SETS:
-        a, b = per_query_counts(s, "kela"), per_query_counts(s, "bird")
-        if a is None or b is None:
-            continue
-        out.append(f"| {side_label(s)} | {a[0]:.0f} / {b[0]:.0f} | {a[1]:.2f} / {b[1]:.2f} | {a[2]:.2f} / {b[2]:.2f} |")
-    out.append("")
+    out += both_sides(per_query_counts, [".0f", ".2f", ".2f"])
 if build_counts:
     out += ["One build of each set under the same simulation, per entry given, this project / BIRD: "
             "instructions, and lines read from or written to memory (the build's own, so the set's fresh "
             "pages count).\n",
             "| Set | instructions | lines from or to memory |", "|---|---:|---:|"]
-    for s in SIDE_SETS:
-        a, b = per_entry_counts(s, "kela"), per_entry_counts(s, "bird")
-        if a is None or b is None:
-            continue
-        out.append(f"| {side_label(s)} | {a[0]:.0f} / {b[0]:.0f} | {a[1]:.2f} / {b[1]:.2f} |")
-    out.append("")
+    out += both_sides(per_entry_counts, [".0f", ".2f"])
 
 # Why the lookups that miss their targets do: the per-query counts of both sides.
 if SIDE_SETS:
